@@ -127,6 +127,15 @@ private:
     std::shared_ptr<Object> object_;
 };
 
+// An error reported by a file operation of the command-line layer: a domain
+// ("NSCocoaErrorDomain" for read, parse and write failures), a code and the
+// text `description` gives.
+struct NSError {
+    std::string domain;
+    std::int64_t code = 0;
+    std::string description;
+};
+
 // The text form of an optional string as `%@` prints it: "(null)" for none.
 std::string describe(const std::optional<std::string>& text);
 
