@@ -1,0 +1,48 @@
+#pragma once
+
+// The shared object behind a Value, and the UTF-8 helpers the Value sources
+// share. Internal to the command-line layer.
+
+#include "cli/Value.h"
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace cli {
+
+struct Value::Object {
+    Kind kind = Kind::Nil;
+    bool isMutable = false;
+    std::string text;  // String
+    NumberType numberType = NumberType::Integer;
+    std::int64_t signedNumber = 0;     // Bool, Char, Int, Integer
+    std::uint64_t unsignedNumber = 0;  // UnsignedInteger
+    double doubleNumber = 0.0;         // Double; seconds since 1970 for a Date
+    std::vector<Value> elements;
+    std::map<std::string, Value> entries;
+    std::vector<std::uint8_t> bytes;
+};
+
+namespace utf8 {
+
+// One decoded code point; an ill-formed byte decodes as U+FFFD of length 1.
+struct CodePoint {
+    char32_t value;
+    std::size_t length;
+    bool valid;
+};
+
+CodePoint decode(std::string_view text, std::size_t pos);
+
+// The UTF-16 code units of the text, ill-formed bytes each giving U+FFFD.
+std::u16string toUTF16(std::string_view text);
+
+}  // namespace utf8
+
+// The text form of a number, as NSNumber's description gives it.
+std::string numberDescription(const Value& number);
+
+}  // namespace cli
