@@ -1,0 +1,407 @@
+#include "platform/strongswan/ViciMessage.h"
+
+#include <fmt/format.h>
+
+#include <utility>
+
+namespace platform::strongswan {
+
+ViciSection& ViciSection::add(std::string name, std::string value) {
+    ViciEntry entry;
+    entry.kind = ViciEntry::Kind::Value;
+    entry.name = std::move(name);
+    entry.value = std::move(value);
+    entries_.push_back(std::move(entry));
+    return *this;
+}
+
+ViciSection& ViciSection::addList(std::string name, std::vector<std::string> items) {
+    ViciEntry entry;
+    entry.kind = ViciEntry::Kind::List;
+    entry.name = std::move(name);
+    entry.items = std::move(items);
+    entries_.push_back(std::move(entry));
+    return *this;
+}
+
+ViciSection& ViciSection::addSection(std::string name) {
+    ViciEntry entry;
+    entry.kind = ViciEntry::Kind::Section;
+    entry.name = std::move(name);
+    entries_.push_back(std::move(entry));
+    return entries_.back().section;
+}
+
+namespace {
+
+const ViciEntry* findEntry(const std::vector<ViciEntry>& entries, std::string_view name,
+                           ViciEntry::Kind kind) {
+    for (const auto& entry : entries) {
+        if (entry.kind == kind && entry.name == name) {
+            return &entry;
+        }
+    }
+    return nullptr;
+}
+
+}  // namespace
+
+const std::string* ViciSection::value(std::string_view name) const {
+    const ViciEntry* entry = findEntry(entries_, name, ViciEntry::Kind::Value);
+    return entry != nullptr ? &entry->value : nullptr;
+}
+
+const std::vector<std::string>* ViciSection::list(std::string_view name) const {
+    const ViciEntry* entry = findEntry(entries_, name, ViciEntry::Kind::List);
+    return entry != nullptr ? &entry->items : nullptr;
+}
+
+const ViciSection* ViciSection::section(std::string_view name) const {
+    const ViciEntry* entry = findEntry(entries_, name, ViciEntry::Kind::Section);
+    return entry != nullptr ? &entry->section : nullptr;
+}
+
+std::string ViciSection::get(std::string_view name, std::string_view fallback) const {
+    const std::string* found = value(name);
+    return found != nullptr ? *found : std::string(fallback);
+}
+
+bool ViciSection::operator==(const ViciSection& other) const {
+    return entries_ == other.entries_;
+}
+
+bool viciPacketHasName(ViciPacketType type) {
+    return type == ViciPacketType::CmdRequest || type == ViciPacketType::EventRegister ||
+           type == ViciPacketType::EventUnregister || type == ViciPacketType::Event;
+}
+
+bool viciPacketHasMessage(ViciPacketType type) {
+    return type == ViciPacketType::CmdRequest || type == ViciPacketType::CmdResponse ||
+           type == ViciPacketType::Event;
+}
+
+namespace {
+
+bool putName(std::string& out, std::string_view name, std::string& error) {
+    if (name.size() > kViciMaxName) {
+        error = fmt::format("name of {} bytes exceeds {} bytes", name.size(), kViciMaxName);
+        return false;
+    }
+    out.push_back(static_cast<char>(name.size()));
+    out.append(name);
+    return true;
+}
+
+bool putValue(std::string& out, std::string_view value, std::string& error) {
+    if (value.size() > kViciMaxValue) {
+        error = fmt::format("value of {} bytes exceeds {} bytes", value.size(), kViciMaxValue);
+        return false;
+    }
+    out.push_back(static_cast<char>((value.size() >> 8) & 0xff));
+    out.push_back(static_cast<char>(value.size() & 0xff));
+    out.append(value);
+    return true;
+}
+
+void putElement(std::string& out, ViciElement element) {
+    out.push_back(static_cast<char>(element));
+}
+
+bool encodeSection(const ViciSection& section, std::size_t depth, std::string& out,
+                   std::string& error) {
+    if (depth > kViciMaxDepth) {
+        error = fmt::format("sections nested deeper than {}", kViciMaxDepth);
+        return false;
+    }
+    for (const auto& entry : section.entries()) {
+        switch (entry.kind) {
+            case ViciEntry::Kind::Value:
+                putElement(out, ViciElement::KeyValue);
+                if (!putName(out, entry.name, error) || !putValue(out, entry.value, error)) {
+                    return false;
+                }
+                break;
+            case ViciEntry::Kind::List:
+                putElement(out, ViciElement::ListStart);
+                if (!putName(out, entry.name, error)) {
+                    return false;
+                }
+                for (const auto& item : entry.items) {
+                    putElement(out, ViciElement::ListItem);
+                    if (!putValue(out, item, error)) {
+                        return false;
+                    }
+                }
+                putElement(out, ViciElement::ListEnd);
+                break;
+            case ViciEntry::Kind::Section:
+                putElement(out, ViciElement::SectionStart);
+                if (!putName(out, entry.name, error) ||
+                    !encodeSection(entry.section, depth + 1, out, error)) {
+                    return false;
+                }
+                putElement(out, ViciElement::SectionEnd);
+                break;
+        }
+    }
+    return true;
+}
+
+// Bounds-checked reader over one packet's bytes.
+class Cursor {
+public:
+    explicit Cursor(std::string_view bytes) : bytes_(bytes) {}
+    bool atEnd() const { return pos_ >= bytes_.size(); }
+    std::size_t position() const { return pos_; }
+    bool byte(std::uint8_t& out) {
+        if (atEnd()) {
+            return false;
+        }
+        out = static_cast<std::uint8_t>(bytes_[pos_++]);
+        return true;
+    }
+    bool name(std::string& out) {
+        std::uint8_t length = 0;
+        if (!byte(length) || bytes_.size() - pos_ < length) {
+            return false;
+        }
+        out.assign(bytes_.substr(pos_, length));
+        pos_ += length;
+        return true;
+    }
+    bool value(std::string& out) {
+        std::uint8_t high = 0;
+        std::uint8_t low = 0;
+        if (!byte(high) || !byte(low)) {
+            return false;
+        }
+        std::size_t length = (std::size_t{high} << 8) | low;
+        if (bytes_.size() - pos_ < length) {
+            return false;
+        }
+        out.assign(bytes_.substr(pos_, length));
+        pos_ += length;
+        return true;
+    }
+    std::string_view rest() const { return bytes_.substr(pos_); }
+
+private:
+    std::string_view bytes_;
+    std::size_t pos_ = 0;
+};
+
+}  // namespace
+
+bool encodeViciMessage(const ViciSection& message, std::string& out, std::string& error) {
+    return encodeSection(message, 0, out, error);
+}
+
+bool decodeViciMessage(std::string_view bytes, ViciSection& message, std::string& error) {
+    message = ViciSection{};
+    Cursor cursor(bytes);
+    // The path of open sections; the root is always at the bottom.
+    std::vector<ViciSection*> open{&message};
+    std::vector<std::string>* openList = nullptr;
+    while (!cursor.atEnd()) {
+        std::size_t at = cursor.position();
+        std::uint8_t type = 0;
+        cursor.byte(type);
+        std::string name;
+        std::string value;
+        switch (static_cast<ViciElement>(type)) {
+            case ViciElement::SectionStart:
+                if (openList != nullptr) {
+                    error = fmt::format("section inside a list at offset {}", at);
+                    return false;
+                }
+                if (open.size() > kViciMaxDepth) {
+                    error = fmt::format("sections nested deeper than {}", kViciMaxDepth);
+                    return false;
+                }
+                if (!cursor.name(name)) {
+                    error = fmt::format("truncated section name at offset {}", at);
+                    return false;
+                }
+                open.push_back(&open.back()->addSection(std::move(name)));
+                break;
+            case ViciElement::SectionEnd:
+                if (openList != nullptr) {
+                    error = fmt::format("section end inside a list at offset {}", at);
+                    return false;
+                }
+                if (open.size() == 1) {
+                    error = fmt::format("section end without a section at offset {}", at);
+                    return false;
+                }
+                open.pop_back();
+                break;
+            case ViciElement::KeyValue:
+                if (openList != nullptr) {
+                    error = fmt::format("key/value inside a list at offset {}", at);
+                    return false;
+                }
+                if (!cursor.name(name) || !cursor.value(value)) {
+                    error = fmt::format("truncated key/value at offset {}", at);
+                    return false;
+                }
+                open.back()->add(std::move(name), std::move(value));
+                break;
+            case ViciElement::ListStart:
+                if (openList != nullptr) {
+                    error = fmt::format("list inside a list at offset {}", at);
+                    return false;
+                }
+                if (!cursor.name(name)) {
+                    error = fmt::format("truncated list name at offset {}", at);
+                    return false;
+                }
+                open.back()->addList(std::move(name), {});
+                openList = &open.back()->entries().back().items;
+                break;
+            case ViciElement::ListItem:
+                if (openList == nullptr) {
+                    error = fmt::format("list item outside a list at offset {}", at);
+                    return false;
+                }
+                if (!cursor.value(value)) {
+                    error = fmt::format("truncated list item at offset {}", at);
+                    return false;
+                }
+                openList->push_back(std::move(value));
+                break;
+            case ViciElement::ListEnd:
+                if (openList == nullptr) {
+                    error = fmt::format("list end without a list at offset {}", at);
+                    return false;
+                }
+                openList = nullptr;
+                break;
+            default:
+                error = fmt::format("unknown element type {} at offset {}", type, at);
+                return false;
+        }
+    }
+    if (openList != nullptr) {
+        error = "unterminated list";
+        return false;
+    }
+    if (open.size() != 1) {
+        error = fmt::format("{} unterminated section(s)", open.size() - 1);
+        return false;
+    }
+    return true;
+}
+
+bool encodeViciPacket(const ViciPacket& packet, std::string& out, std::string& error) {
+    out.clear();
+    auto type = static_cast<std::uint8_t>(packet.type);
+    if (type > static_cast<std::uint8_t>(ViciPacketType::Event)) {
+        error = fmt::format("unknown packet type {}", type);
+        return false;
+    }
+    out.push_back(static_cast<char>(type));
+    if (viciPacketHasName(packet.type) && !putName(out, packet.name, error)) {
+        return false;
+    }
+    if (viciPacketHasMessage(packet.type) && !encodeViciMessage(packet.message, out, error)) {
+        return false;
+    }
+    if (out.size() > kViciMaxPacket) {
+        error = fmt::format("packet of {} bytes exceeds {} bytes", out.size(), kViciMaxPacket);
+        return false;
+    }
+    return true;
+}
+
+bool decodeViciPacket(std::string_view bytes, ViciPacket& packet, std::string& error) {
+    packet = ViciPacket{};
+    if (bytes.size() > kViciMaxPacket) {
+        error = fmt::format("packet of {} bytes exceeds {} bytes", bytes.size(), kViciMaxPacket);
+        return false;
+    }
+    Cursor cursor(bytes);
+    std::uint8_t type = 0;
+    if (!cursor.byte(type)) {
+        error = "empty packet";
+        return false;
+    }
+    if (type > static_cast<std::uint8_t>(ViciPacketType::Event)) {
+        error = fmt::format("unknown packet type {}", type);
+        return false;
+    }
+    packet.type = static_cast<ViciPacketType>(type);
+    if (viciPacketHasName(packet.type) && !cursor.name(packet.name)) {
+        error = "truncated packet name";
+        return false;
+    }
+    if (viciPacketHasMessage(packet.type)) {
+        return decodeViciMessage(cursor.rest(), packet.message, error);
+    }
+    if (!cursor.atEnd()) {
+        error = fmt::format("{} unexpected byte(s) after packet of type {}", cursor.rest().size(),
+                            type);
+        return false;
+    }
+    return true;
+}
+
+bool encodeViciFrame(const ViciPacket& packet, std::string& out, std::string& error) {
+    std::string body;
+    if (!encodeViciPacket(packet, body, error)) {
+        return false;
+    }
+    out.clear();
+    auto length = static_cast<std::uint32_t>(body.size());
+    out.push_back(static_cast<char>((length >> 24) & 0xff));
+    out.push_back(static_cast<char>((length >> 16) & 0xff));
+    out.push_back(static_cast<char>((length >> 8) & 0xff));
+    out.push_back(static_cast<char>(length & 0xff));
+    out.append(body);
+    return true;
+}
+
+void ViciFrameReader::feed(std::string_view bytes) {
+    if (failed_) {
+        return;
+    }
+    if (offset_ > 0 && offset_ == buffer_.size()) {
+        buffer_.clear();
+        offset_ = 0;
+    }
+    buffer_.append(bytes);
+}
+
+ViciFrameReader::Result ViciFrameReader::next(std::string& packet, std::string& error) {
+    if (failed_) {
+        error = failure_;
+        return Result::Error;
+    }
+    std::size_t available = buffer_.size() - offset_;
+    if (available < 4) {
+        return Result::NeedMore;
+    }
+    const auto* head = reinterpret_cast<const unsigned char*>(buffer_.data() + offset_);
+    std::size_t length = (std::size_t{head[0]} << 24) | (std::size_t{head[1]} << 16) |
+                         (std::size_t{head[2]} << 8) | std::size_t{head[3]};
+    if (length == 0 || length > kViciMaxPacket) {
+        failed_ = true;
+        failure_ = fmt::format("frame length {} outside 1..{}", length, kViciMaxPacket);
+        error = failure_;
+        return Result::Error;
+    }
+    if (available - 4 < length) {
+        return Result::NeedMore;
+    }
+    packet.assign(buffer_, offset_ + 4, length);
+    offset_ += 4 + length;
+    if (offset_ == buffer_.size()) {
+        buffer_.clear();
+        offset_ = 0;
+    } else if (offset_ > 64 * 1024) {
+        buffer_.erase(0, offset_);
+        offset_ = 0;
+    }
+    return Result::Packet;
+}
+
+}  // namespace platform::strongswan

@@ -1,0 +1,60 @@
+#include "tests/unit/strongswan/LogCapture.h"
+
+#include "log/DDLog.h"
+
+#include <mutex>
+
+// Everything enabled, so a secret at any level would be seen.
+std::int32_t ddLogLevel = DDLogLevelVerbose;
+
+namespace {
+
+std::mutex& mutex() {
+    static std::mutex m;
+    return m;
+}
+
+std::vector<std::string>& store() {
+    static std::vector<std::string> s;
+    return s;
+}
+
+}  // namespace
+
+namespace DDLog {
+
+void addTTYLogger() {}
+
+void log(bool, std::int32_t, DDLogFlag, int, const char*, const char*, int, const char*,
+         std::string_view message) {
+    std::lock_guard lock(mutex());
+    store().emplace_back(message);
+}
+
+void flushLog() {}
+
+}  // namespace DDLog
+
+namespace logcapture {
+
+std::vector<std::string> lines() {
+    std::lock_guard lock(mutex());
+    return store();
+}
+
+void clear() {
+    std::lock_guard lock(mutex());
+    store().clear();
+}
+
+bool contains(const std::string& text) {
+    std::lock_guard lock(mutex());
+    for (const auto& line : store()) {
+        if (line.find(text) != std::string::npos) {
+            return true;
+        }
+    }
+    return false;
+}
+
+}  // namespace logcapture
