@@ -40,6 +40,11 @@ public:
     // thread, at once rather than at the end of the current slice.
     void watchSignals(std::function<void(int signo)> handler);
     static void wakeForSignal(int signo) noexcept;
+    // Calls the watch handler, on the calling (loop) thread, for every
+    // signal woken so far and not yet handled. Each slice starts with it;
+    // main also calls it between `connect` and its wait loop so that a
+    // signal taken during `connect` is acted on before any other handler.
+    void deliverPendingSignals();
 
 private:
     RunLoop();
