@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include <string.h>
+
 #include <utility>
 
 namespace platform::strongswan {
@@ -30,6 +32,34 @@ ViciSection& ViciSection::addSection(std::string name) {
     entry.name = std::move(name);
     entries_.push_back(std::move(entry));
     return entries_.back().section;
+}
+
+ViciSection& ViciSection::addSecret(std::string name, std::string_view secret) {
+    ViciEntry& entry = entries_.emplace_back();
+    entry.kind = ViciEntry::Kind::Value;
+    entry.name = std::move(name);
+    entry.value.assign(secret.data(), secret.size());
+    return *this;
+}
+
+void ViciSection::wipe() {
+    for (auto& entry : entries_) {
+        secureWipe(entry.name);
+        secureWipe(entry.value);
+        for (auto& item : entry.items) {
+            secureWipe(item);
+        }
+        entry.section.wipe();
+    }
+    entries_.clear();
+}
+
+void secureWipe(std::string& text) {
+    // Growing to the capacity zero-fills the tail, which may still hold
+    // bytes of an earlier, longer content.
+    text.resize(text.capacity());
+    explicit_bzero(text.data(), text.size());
+    text.clear();
 }
 
 namespace {
@@ -192,6 +222,28 @@ private:
 
 }  // namespace
 
+std::size_t viciMessageSize(const ViciSection& message) {
+    std::size_t size = 0;
+    for (const auto& entry : message.entries()) {
+        size += 2 + entry.name.size();
+        switch (entry.kind) {
+            case ViciEntry::Kind::Value:
+                size += 2 + entry.value.size();
+                break;
+            case ViciEntry::Kind::List:
+                for (const auto& item : entry.items) {
+                    size += 3 + item.size();
+                }
+                size += 1;
+                break;
+            case ViciEntry::Kind::Section:
+                size += viciMessageSize(entry.section) + 1;
+                break;
+        }
+    }
+    return size;
+}
+
 bool encodeViciMessage(const ViciSection& message, std::string& out, std::string& error) {
     return encodeSection(message, 0, out, error);
 }
@@ -292,22 +344,51 @@ bool decodeViciMessage(std::string_view bytes, ViciSection& message, std::string
     return true;
 }
 
-bool encodeViciPacket(const ViciPacket& packet, std::string& out, std::string& error) {
-    out.clear();
-    auto type = static_cast<std::uint8_t>(packet.type);
+namespace {
+
+const ViciSection kEmptyMessage;
+
+bool appendPacket(ViciPacketType packetType, std::string_view name, const ViciSection& message,
+                  std::string& out, std::string& error) {
+    auto type = static_cast<std::uint8_t>(packetType);
     if (type > static_cast<std::uint8_t>(ViciPacketType::Event)) {
         error = fmt::format("unknown packet type {}", type);
         return false;
     }
+    std::size_t start = out.size();
     out.push_back(static_cast<char>(type));
-    if (viciPacketHasName(packet.type) && !putName(out, packet.name, error)) {
+    if (viciPacketHasName(packetType) && !putName(out, name, error)) {
         return false;
     }
-    if (viciPacketHasMessage(packet.type) && !encodeViciMessage(packet.message, out, error)) {
+    if (viciPacketHasMessage(packetType) && !encodeViciMessage(message, out, error)) {
         return false;
     }
-    if (out.size() > kViciMaxPacket) {
-        error = fmt::format("packet of {} bytes exceeds {} bytes", out.size(), kViciMaxPacket);
+    if (out.size() - start > kViciMaxPacket) {
+        error = fmt::format("packet of {} bytes exceeds {} bytes", out.size() - start,
+                            kViciMaxPacket);
+        return false;
+    }
+    return true;
+}
+
+std::size_t packetSize(ViciPacketType type, std::string_view name, const ViciSection& message) {
+    std::size_t size = 1;
+    if (viciPacketHasName(type)) {
+        size += 1 + name.size();
+    }
+    if (viciPacketHasMessage(type)) {
+        size += viciMessageSize(message);
+    }
+    return size;
+}
+
+}  // namespace
+
+bool encodeViciPacket(const ViciPacket& packet, std::string& out, std::string& error) {
+    secureWipe(out);
+    out.reserve(packetSize(packet.type, packet.name, packet.message));
+    if (!appendPacket(packet.type, packet.name, packet.message, out, error)) {
+        secureWipe(out);
         return false;
     }
     return true;
@@ -346,17 +427,24 @@ bool decodeViciPacket(std::string_view bytes, ViciPacket& packet, std::string& e
 }
 
 bool encodeViciFrame(const ViciPacket& packet, std::string& out, std::string& error) {
-    std::string body;
-    if (!encodeViciPacket(packet, body, error)) {
+    return encodeViciFrame(packet.type, packet.name, &packet.message, out, error);
+}
+
+bool encodeViciFrame(ViciPacketType type, std::string_view name, const ViciSection* message,
+                     std::string& out, std::string& error) {
+    const ViciSection& body = message != nullptr ? *message : kEmptyMessage;
+    secureWipe(out);
+    out.reserve(4 + packetSize(type, name, body));
+    out.append(4, '\0');
+    if (!appendPacket(type, name, body, out, error)) {
+        secureWipe(out);
         return false;
     }
-    out.clear();
-    auto length = static_cast<std::uint32_t>(body.size());
-    out.push_back(static_cast<char>((length >> 24) & 0xff));
-    out.push_back(static_cast<char>((length >> 16) & 0xff));
-    out.push_back(static_cast<char>((length >> 8) & 0xff));
-    out.push_back(static_cast<char>(length & 0xff));
-    out.append(body);
+    auto length = static_cast<std::uint32_t>(out.size() - 4);
+    out[0] = static_cast<char>((length >> 24) & 0xff);
+    out[1] = static_cast<char>((length >> 16) & 0xff);
+    out[2] = static_cast<char>((length >> 8) & 0xff);
+    out[3] = static_cast<char>(length & 0xff);
     return true;
 }
 

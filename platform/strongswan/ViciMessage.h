@@ -31,6 +31,14 @@ public:
     ViciSection& addList(std::string name, std::vector<std::string> items);
     // Adds an empty named section and returns it for filling.
     ViciSection& addSection(std::string name);
+    // Adds a key/value whose value is a secret: the bytes are copied once,
+    // straight into their final place, so no moved-from copy is left behind.
+    // Call `reserve` first when more entries follow.
+    ViciSection& addSecret(std::string name, std::string_view secret);
+    void reserve(std::size_t entries) { entries_.reserve(entries); }
+    // Overwrites every name, value and list item with zeros, then empties
+    // the section.
+    void wipe();
 
     // First entry of that name and kind, or null.
     const std::string* value(std::string_view name) const;
@@ -101,8 +109,20 @@ bool decodeViciMessage(std::string_view bytes, ViciSection& message, std::string
 bool encodeViciPacket(const ViciPacket& packet, std::string& out, std::string& error);
 bool decodeViciPacket(std::string_view bytes, ViciPacket& packet, std::string& error);
 
-// A packet with its 4-byte big-endian length in front, ready to write.
+// Bytes `encodeViciMessage` would produce (not checked against the limits).
+std::size_t viciMessageSize(const ViciSection& message);
+
+// A packet with its 4-byte big-endian length in front, ready to write. The
+// output is sized once up front, so a secret in the message is written to
+// exactly one buffer.
 bool encodeViciFrame(const ViciPacket& packet, std::string& out, std::string& error);
+// The same from the parts, so a caller's message need not be copied.
+bool encodeViciFrame(ViciPacketType type, std::string_view name, const ViciSection* message,
+                     std::string& out, std::string& error);
+
+// Zeros a string's whole buffer (the bytes past its length too), then
+// empties it.
+void secureWipe(std::string& text);
 
 // Cuts a byte stream into packets. Feed it what the socket gave; take
 // complete packets with `next`. A zero or oversized frame length poisons the

@@ -310,3 +310,34 @@ TEST(ViciMessageTest, ReaderAcceptsTheLargestFrame) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(ViciMessageTest, PredictsTheEncodedSizeExactly) {
+    for (const auto& c : frameCases()) {
+        std::string out;
+        std::string error;
+        ASSERT_TRUE(ss::encodeViciMessage(c.packet.message, out, error));
+        EXPECT_EQ(ss::viciMessageSize(c.packet.message), out.size()) << c.what;
+    }
+}
+
+TEST(ViciMessageTest, WipeEmptiesSectionsAndSecretsStayExact) {
+    ViciSection s;
+    s.reserve(3);
+    s.add("id", "x");
+    s.addSecret("data", "hunter2 with spaces");
+    s.addList("owners", {"alice"});
+    EXPECT_EQ(s.get("data"), "hunter2 with spaces");
+    s.wipe();
+    EXPECT_TRUE(s.empty());
+
+    std::string text = "a secret long enough to live on the heap";
+    text = "short";
+    ss::secureWipe(text);
+    EXPECT_TRUE(text.empty());
+    text.resize(text.capacity());
+    EXPECT_EQ(text, std::string(text.size(), '\0'));
+}
+
+}  // namespace

@@ -1,0 +1,491 @@
+#include "platform/strongswan/ViciClient.h"
+
+#include <asio/post.hpp>
+#include <asio/write.hpp>
+#include <fmt/format.h>
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace platform::strongswan {
+
+bool ViciReply::succeeded() const {
+    return ok() && message.get("success") == "yes";
+}
+
+std::string ViciReply::failure() const {
+    if (!ok()) {
+        return error.empty() ? std::string("no answer") : error;
+    }
+    std::string message_text = message.get("errmsg");
+    return message_text.empty() ? std::string("request failed") : message_text;
+}
+
+std::shared_ptr<ViciClient> ViciClient::create(asio::io_context& context,
+                                               std::string socketPath) {
+    return std::shared_ptr<ViciClient>(new ViciClient(context, std::move(socketPath)));
+}
+
+ViciClient::ViciClient(asio::io_context& context, std::string socketPath)
+    : context_(context), path_(std::move(socketPath)), socket_(context), timer_(context) {}
+
+ViciClient::~ViciClient() {
+    std::error_code ignored;
+    socket_.close(ignored);
+}
+
+bool ViciClient::connect(std::string& error) {
+    if (open_) {
+        return true;
+    }
+    std::error_code ec;
+    socket_.connect(asio::local::stream_protocol::endpoint(path_), ec);
+    if (ec) {
+        error = fmt::format("cannot connect to {}: {}", path_, ec.message());
+        std::error_code ignored;
+        socket_.close(ignored);
+        return false;
+    }
+    open_ = true;
+    reader_ = ViciFrameReader{};
+    readMore();
+    return true;
+}
+
+void ViciClient::close() {
+    fail("closed", false);
+}
+
+void ViciClient::post(std::function<void()> block) {
+    asio::post(context_, std::move(block));
+}
+
+void ViciClient::request(std::string command, const ViciSection& message,
+                         ViciReplyHandler handler, std::chrono::milliseconds timeout) {
+    enqueue(ViciPacketType::CmdRequest, std::move(command), &message, std::move(handler), timeout);
+}
+
+void ViciClient::registerEvent(std::string event, ViciReplyHandler handler,
+                               std::chrono::milliseconds timeout) {
+    enqueue(ViciPacketType::EventRegister, std::move(event), nullptr, std::move(handler), timeout);
+}
+
+void ViciClient::unregisterEvent(std::string event, ViciReplyHandler handler,
+                                 std::chrono::milliseconds timeout) {
+    enqueue(ViciPacketType::EventUnregister, std::move(event), nullptr, std::move(handler),
+            timeout);
+}
+
+void ViciClient::enqueue(ViciPacketType type, std::string name, const ViciSection* message,
+                         ViciReplyHandler handler, std::chrono::milliseconds timeout) {
+    Operation op;
+    op.type = type;
+    op.handler = std::move(handler);
+    op.timeout = timeout;
+    op.id = ++nextId_;
+    std::string error;
+    // Encoded straight from the caller's message: its values are not copied.
+    bool encoded = encodeViciFrame(type, name, message, op.frame, error);
+    if (!encoded || !open_) {
+        ViciReply reply;
+        reply.error = encoded ? std::string("not connected") : error;
+        auto done = std::move(op.handler);
+        post([done = std::move(done), reply = std::move(reply)]() mutable {
+            if (done) {
+                done(std::move(reply));
+            }
+        });
+        return;
+    }
+    queue_.push_back(std::move(op));
+    startNext();
+}
+
+void ViciClient::startNext() {
+    if (inFlight_ || queue_.empty() || !open_) {
+        return;
+    }
+    inFlight_ = true;
+    Operation& op = queue_.front();
+    std::weak_ptr<ViciClient> weak = weak_from_this();
+    timer_.expires_after(op.timeout);
+    timer_.async_wait([weak](const std::error_code& ec) {
+        auto self = weak.lock();
+        if (!ec && self) {
+            self->fail("timed out waiting for the daemon", true);
+        }
+    });
+    asio::async_write(socket_, asio::buffer(op.frame),
+                      [weak, id = op.id](const std::error_code& ec, std::size_t) {
+                          auto self = weak.lock();
+                          if (!self) {
+                              return;
+                          }
+                          if (!self->queue_.empty() && self->queue_.front().id == id) {
+                              secureWipe(self->queue_.front().frame);
+                          }
+                          if (ec && self->open_) {
+                              self->fail(fmt::format("write failed: {}", ec.message()), true);
+                          }
+                      });
+}
+
+void ViciClient::readMore() {
+    std::weak_ptr<ViciClient> weak = weak_from_this();
+    socket_.async_read_some(asio::buffer(readBuffer_),
+                            [weak](const std::error_code& ec, std::size_t size) {
+                                auto self = weak.lock();
+                                if (!self || !self->open_) {
+                                    return;
+                                }
+                                if (ec) {
+                                    self->fail(ec == asio::error::eof
+                                                   ? std::string("daemon closed the connection")
+                                                   : fmt::format("read failed: {}", ec.message()),
+                                               true);
+                                    return;
+                                }
+                                self->consume(self->readBuffer_.data(), size);
+                                if (self->open_) {
+                                    self->readMore();
+                                }
+                            });
+}
+
+void ViciClient::consume(const char* data, std::size_t size) {
+    auto self = shared_from_this();
+    reader_.feed(std::string_view(data, size));
+    std::string packet;
+    std::string error;
+    while (open_) {
+        auto result = reader_.next(packet, error);
+        if (result == ViciFrameReader::Result::NeedMore) {
+            return;
+        }
+        if (result == ViciFrameReader::Result::Error) {
+            fail(fmt::format("malformed frame: {}", error), true);
+            return;
+        }
+        if (!handlePacket(packet)) {
+            return;
+        }
+    }
+}
+
+bool ViciClient::handlePacket(const std::string& bytes) {
+    ViciPacket packet;
+    std::string error;
+    if (!decodeViciPacket(bytes, packet, error)) {
+        fail(fmt::format("malformed packet: {}", error), true);
+        return false;
+    }
+    if (packet.type == ViciPacketType::Event) {
+        if (onEvent_) {
+            onEvent_(packet.name, packet.message);
+        }
+        return open_;
+    }
+    bool expected = false;
+    ViciReply reply;
+    if (inFlight_ && !queue_.empty()) {
+        ViciPacketType sent = queue_.front().type;
+        switch (packet.type) {
+            case ViciPacketType::CmdResponse:
+                expected = sent == ViciPacketType::CmdRequest;
+                reply.status = ViciReply::Status::Ok;
+                reply.message = std::move(packet.message);
+                break;
+            case ViciPacketType::CmdUnknown:
+                expected = sent == ViciPacketType::CmdRequest;
+                reply.status = ViciReply::Status::Unknown;
+                reply.error = "unknown command";
+                break;
+            case ViciPacketType::EventConfirm:
+                expected = sent != ViciPacketType::CmdRequest;
+                reply.status = ViciReply::Status::Ok;
+                break;
+            case ViciPacketType::EventUnknown:
+                expected = sent != ViciPacketType::CmdRequest;
+                reply.status = ViciReply::Status::Unknown;
+                reply.error = "unknown event";
+                break;
+            default:
+                break;
+        }
+    }
+    if (!expected) {
+        fail(fmt::format("unexpected packet of type {}", static_cast<int>(packet.type)), true);
+        return false;
+    }
+    complete(std::move(reply));
+    return open_;
+}
+
+void ViciClient::complete(ViciReply reply) {
+    Operation op = std::move(queue_.front());
+    queue_.pop_front();
+    inFlight_ = false;
+    timer_.cancel();
+    startNext();
+    if (op.handler) {
+        op.handler(std::move(reply));
+    }
+}
+
+void ViciClient::fail(const std::string& reason, bool notifyClosed) {
+    bool wasOpen = open_;
+    open_ = false;
+    inFlight_ = false;
+    timer_.cancel();
+    std::error_code ignored;
+    socket_.close(ignored);
+    std::deque<Operation> failed;
+    failed.swap(queue_);
+    for (auto& op : failed) {
+        secureWipe(op.frame);
+        if (op.handler) {
+            ViciReply reply;
+            reply.error = reason;
+            post([done = std::move(op.handler), reply = std::move(reply)]() mutable {
+                done(std::move(reply));
+            });
+        }
+    }
+    if (wasOpen && notifyClosed && onClosed_) {
+        post([closed = onClosed_, reason] { closed(reason); });
+    }
+}
+
+void ViciClient::drain(std::chrono::milliseconds limit, std::chrono::milliseconds quiet) {
+    auto self = shared_from_this();
+    auto start = Clock::now();
+    auto deadline = start + limit;
+    auto lastData = start;
+    while (open_) {
+        auto now = Clock::now();
+        auto until = std::min(deadline, lastData + quiet);
+        if (now >= until) {
+            return;
+        }
+        auto wait = std::chrono::duration_cast<std::chrono::milliseconds>(until - now).count();
+        pollfd pfd{socket_.native_handle(), POLLIN, 0};
+        int ready = ::poll(&pfd, 1, static_cast<int>(wait) + 1);
+        if (ready < 0 && errno == EINTR) {
+            continue;
+        }
+        if (ready <= 0) {
+            continue;
+        }
+        ssize_t got = ::recv(socket_.native_handle(), readBuffer_.data(), readBuffer_.size(),
+                             MSG_DONTWAIT);
+        if (got > 0) {
+            lastData = Clock::now();
+            consume(readBuffer_.data(), static_cast<std::size_t>(got));
+        } else if (got == 0) {
+            fail("daemon closed the connection", true);
+        } else if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) {
+            fail(fmt::format("read failed: {}", std::strerror(errno)), true);
+        }
+    }
+}
+
+// ---------------------------------------------------------------------------
+
+ViciSyncClient::ViciSyncClient(std::string socketPath) : path_(std::move(socketPath)) {}
+
+ViciSyncClient::~ViciSyncClient() {
+    closeSocket();
+}
+
+void ViciSyncClient::closeSocket() {
+    if (fd_ >= 0) {
+        ::close(fd_);
+        fd_ = -1;
+    }
+}
+
+bool ViciSyncClient::connect(std::string& error) {
+    closeSocket();
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path_.size() >= sizeof(address.sun_path)) {
+        error = fmt::format("socket path too long: {}", path_);
+        return false;
+    }
+    std::memcpy(address.sun_path, path_.c_str(), path_.size() + 1);
+    fd_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd_ < 0) {
+        error = fmt::format("socket: {}", std::strerror(errno));
+        return false;
+    }
+    if (::connect(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+        error = fmt::format("cannot connect to {}: {}", path_, std::strerror(errno));
+        closeSocket();
+        return false;
+    }
+    reader_ = ViciFrameReader{};
+    return true;
+}
+
+namespace {
+
+int millisecondsUntil(ViciSyncClient::Clock::time_point deadline) {
+    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                    deadline - ViciSyncClient::Clock::now())
+                    .count();
+    return left < 0 ? 0 : static_cast<int>(left);
+}
+
+}  // namespace
+
+bool ViciSyncClient::writeAll(const std::string& frame, Clock::time_point deadline,
+                              std::string& error) {
+    std::size_t written = 0;
+    while (written < frame.size()) {
+        pollfd pfd{fd_, POLLOUT, 0};
+        int ready = ::poll(&pfd, 1, millisecondsUntil(deadline));
+        if (ready < 0 && errno == EINTR) {
+            continue;
+        }
+        if (ready <= 0) {
+            error = ready == 0 ? "timed out writing to the daemon"
+                               : fmt::format("poll: {}", std::strerror(errno));
+            return false;
+        }
+        ssize_t n = ::send(fd_, frame.data() + written, frame.size() - written,
+                           MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (n < 0) {
+            if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) {
+                continue;
+            }
+            error = fmt::format("write failed: {}", std::strerror(errno));
+            return false;
+        }
+        written += static_cast<std::size_t>(n);
+    }
+    return true;
+}
+
+bool ViciSyncClient::send(const std::string& command, const ViciSection& message,
+                          Clock::time_point deadline, std::string& error) {
+    if (fd_ < 0) {
+        error = "not connected";
+        return false;
+    }
+    std::string frame;
+    bool ok = encodeViciFrame(ViciPacketType::CmdRequest, command, &message, frame, error) &&
+              writeAll(frame, deadline, error);
+    secureWipe(frame);
+    if (!ok) {
+        closeSocket();
+    }
+    return ok;
+}
+
+ViciReply ViciSyncClient::request(const std::string& command, const ViciSection& message,
+                                  Clock::time_point deadline, const ViciEventHandler& onEvent) {
+    return exchange(ViciPacketType::CmdRequest, command, &message, deadline, onEvent);
+}
+
+ViciReply ViciSyncClient::registerEvent(const std::string& event, Clock::time_point deadline) {
+    return exchange(ViciPacketType::EventRegister, event, nullptr, deadline, {});
+}
+
+ViciReply ViciSyncClient::exchange(ViciPacketType type, const std::string& name,
+                                   const ViciSection* message, Clock::time_point deadline,
+                                   const ViciEventHandler& onEvent) {
+    ViciReply reply;
+    if (fd_ < 0) {
+        reply.error = "not connected";
+        return reply;
+    }
+    std::string frame;
+    bool written = encodeViciFrame(type, name, message, frame, reply.error) &&
+                   writeAll(frame, deadline, reply.error);
+    secureWipe(frame);
+    if (!written) {
+        closeSocket();
+        return reply;
+    }
+    bool command = type == ViciPacketType::CmdRequest;
+    std::array<char, 16384> buffer{};
+    while (true) {
+        std::string body;
+        std::string error;
+        auto result = reader_.next(body, error);
+        if (result == ViciFrameReader::Result::Error) {
+            reply.error = fmt::format("malformed frame: {}", error);
+            closeSocket();
+            return reply;
+        }
+        if (result == ViciFrameReader::Result::Packet) {
+            ViciPacket in;
+            if (!decodeViciPacket(body, in, error)) {
+                reply.error = fmt::format("malformed packet: {}", error);
+                closeSocket();
+                return reply;
+            }
+            switch (in.type) {
+                case ViciPacketType::Event:
+                    if (onEvent) {
+                        onEvent(in.name, in.message);
+                    }
+                    continue;
+                case ViciPacketType::CmdResponse:
+                case ViciPacketType::EventConfirm:
+                    if (command == (in.type == ViciPacketType::CmdResponse)) {
+                        reply.status = ViciReply::Status::Ok;
+                        reply.message = std::move(in.message);
+                        return reply;
+                    }
+                    break;
+                case ViciPacketType::CmdUnknown:
+                case ViciPacketType::EventUnknown:
+                    if (command == (in.type == ViciPacketType::CmdUnknown)) {
+                        reply.status = ViciReply::Status::Unknown;
+                        reply.error = command ? "unknown command" : "unknown event";
+                        return reply;
+                    }
+                    break;
+                default:
+                    break;
+            }
+            reply.error = fmt::format("unexpected packet of type {}", static_cast<int>(in.type));
+            closeSocket();
+            return reply;
+        }
+        pollfd pfd{fd_, POLLIN, 0};
+        int ready = ::poll(&pfd, 1, millisecondsUntil(deadline));
+        if (ready < 0 && errno == EINTR) {
+            continue;
+        }
+        if (ready <= 0) {
+            reply.error = ready == 0 ? "timed out waiting for the daemon"
+                                     : fmt::format("poll: {}", std::strerror(errno));
+            closeSocket();
+            return reply;
+        }
+        ssize_t got = ::recv(fd_, buffer.data(), buffer.size(), MSG_DONTWAIT);
+        if (got == 0) {
+            reply.error = "daemon closed the connection";
+            closeSocket();
+            return reply;
+        }
+        if (got < 0) {
+            if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) {
+                continue;
+            }
+            reply.error = fmt::format("read failed: {}", std::strerror(errno));
+            closeSocket();
+            return reply;
+        }
+        reader_.feed(std::string_view(buffer.data(), static_cast<std::size_t>(got)));
+    }
+}
+
+}  // namespace platform::strongswan
