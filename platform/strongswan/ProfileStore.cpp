@@ -1,0 +1,414 @@
+#include "platform/strongswan/ProfileStore.h"
+
+#include <fmt/format.h>
+#include <plist/plist.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+namespace platform::strongswan {
+
+NSError makeVPNError(NEVPNErrorCode code, const std::string& text) {
+    return NSError{code, fmt::format("Error Domain=NEVPNErrorDomain Code={} \"{}\"",
+                                     static_cast<std::int64_t>(code), text)};
+}
+
+namespace {
+
+// Bound on what load reads: a profile is well under a kilobyte.
+constexpr std::size_t kMaxFileSize = 1024 * 1024;
+constexpr std::uint64_t kFormatVersion = 1;
+
+struct PlistDeleter {
+    void operator()(void* node) const { plist_free(static_cast<plist_t>(node)); }
+};
+using Plist = std::unique_ptr<void, PlistDeleter>;
+
+void setString(plist_t dict, const char* key, const std::optional<std::string>& value) {
+    if (value) {
+        plist_dict_set_item(dict, key, plist_new_string(value->c_str()));
+    }
+}
+
+plist_t saDict(const NEVPNIKEv2SecurityAssociationParameters& sa) {
+    plist_t dict = plist_new_dict();
+    plist_dict_set_item(dict, "EncryptionAlgorithm",
+                        plist_new_uint(static_cast<std::uint64_t>(sa.encryptionAlgorithm)));
+    plist_dict_set_item(dict, "IntegrityAlgorithm",
+                        plist_new_uint(static_cast<std::uint64_t>(sa.integrityAlgorithm)));
+    plist_dict_set_item(dict, "DiffieHellmanGroup",
+                        plist_new_uint(static_cast<std::uint64_t>(sa.diffieHellmanGroup)));
+    plist_dict_set_item(dict, "LifetimeMinutes",
+                        plist_new_uint(static_cast<std::uint64_t>(sa.lifetimeMinutes)));
+    return dict;
+}
+
+// Typed readers that fail on a missing key or a wrong type.
+class Reader {
+public:
+    explicit Reader(std::string& error) : error_(error) {}
+
+    bool dict(plist_t parent, const char* key, plist_t& out) {
+        out = plist_dict_get_item(parent, key);
+        return check(out, PLIST_DICT, key);
+    }
+    bool boolean(plist_t parent, const char* key, bool& out) {
+        plist_t node = plist_dict_get_item(parent, key);
+        if (!check(node, PLIST_BOOLEAN, key)) {
+            return false;
+        }
+        std::uint8_t value = 0;
+        plist_get_bool_val(node, &value);
+        out = value != 0;
+        return true;
+    }
+    bool number(plist_t parent, const char* key, std::int64_t low, std::int64_t high,
+                std::int64_t& out) {
+        plist_t node = plist_dict_get_item(parent, key);
+        if (!check(node, PLIST_UINT, key)) {
+            return false;
+        }
+        std::uint64_t value = 0;
+        plist_get_uint_val(node, &value);
+        if (value > static_cast<std::uint64_t>(high) ||
+            static_cast<std::int64_t>(value) < low) {
+            error_ = fmt::format("{} out of range: {}", key, value);
+            return false;
+        }
+        out = static_cast<std::int64_t>(value);
+        return true;
+    }
+    bool optionalString(plist_t parent, const char* key, std::optional<std::string>& out) {
+        plist_t node = plist_dict_get_item(parent, key);
+        out.reset();
+        if (node == nullptr) {
+            return true;
+        }
+        if (!check(node, PLIST_STRING, key)) {
+            return false;
+        }
+        char* value = nullptr;
+        plist_get_string_val(node, &value);
+        out = value != nullptr ? std::string(value) : std::string();
+        std::free(value);
+        return true;
+    }
+    bool sa(plist_t parent, const char* key, NEVPNIKEv2SecurityAssociationParameters& out) {
+        plist_t node = nullptr;
+        std::int64_t encryption = 0;
+        std::int64_t integrity = 0;
+        std::int64_t group = 0;
+        std::int64_t lifetime = 0;
+        if (!dict(parent, key, node) || !number(node, "EncryptionAlgorithm", 1, 7, encryption) ||
+            !number(node, "IntegrityAlgorithm", 1, 5, integrity) ||
+            !number(node, "DiffieHellmanGroup", 0, 32, group) ||
+            !number(node, "LifetimeMinutes", 0, INT32_MAX, lifetime)) {
+            return false;
+        }
+        out.encryptionAlgorithm = static_cast<NEVPNIKEv2EncryptionAlgorithm>(encryption);
+        out.integrityAlgorithm = static_cast<NEVPNIKEv2IntegrityAlgorithm>(integrity);
+        out.diffieHellmanGroup = static_cast<NEVPNIKEv2DiffieHellmanGroup>(group);
+        out.lifetimeMinutes = static_cast<std::int32_t>(lifetime);
+        return true;
+    }
+
+private:
+    bool check(plist_t node, plist_type type, const char* key) {
+        if (node == nullptr) {
+            error_ = fmt::format("missing {}", key);
+            return false;
+        }
+        if (plist_get_node_type(node) != type) {
+            error_ = fmt::format("{} has the wrong type", key);
+            return false;
+        }
+        return true;
+    }
+    std::string& error_;
+};
+
+std::string folderOf(const std::string& path) {
+    auto slash = path.find_last_of('/');
+    if (slash == std::string::npos) {
+        return ".";
+    }
+    return slash == 0 ? std::string("/") : path.substr(0, slash);
+}
+
+std::string baseOf(const std::string& path) {
+    auto slash = path.find_last_of('/');
+    return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+NSError ioError(const std::string& what, const std::string& path, int err) {
+    return makeVPNError(NEVPNErrorConfigurationReadWriteFailed,
+                        fmt::format("{} {}: {}", what, path, std::strerror(err)));
+}
+
+// Creates the missing folders of `folder`, each 0700.
+bool makeFolders(const std::string& folder, NSError& error) {
+    struct stat st {};
+    if (::lstat(folder.c_str(), &st) == 0) {
+        if (S_ISLNK(st.st_mode)) {
+            error = makeVPNError(NEVPNErrorConfigurationReadWriteFailed,
+                                 fmt::format("refusing symbolic link {}", folder));
+            return false;
+        }
+        return true;
+    }
+    if (errno != ENOENT) {
+        error = ioError("cannot inspect", folder, errno);
+        return false;
+    }
+    std::string parent = folderOf(folder);
+    if (parent != folder && !makeFolders(parent, error)) {
+        return false;
+    }
+    if (::mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) {
+        error = ioError("cannot create", folder, errno);
+        return false;
+    }
+    return true;
+}
+
+class Fd {
+public:
+    explicit Fd(int fd = -1) : fd_(fd) {}
+    ~Fd() {
+        if (fd_ >= 0) {
+            ::close(fd_);
+        }
+    }
+    Fd(const Fd&) = delete;
+    Fd& operator=(const Fd&) = delete;
+    int get() const { return fd_; }
+    void reset(int fd) {
+        if (fd_ >= 0) {
+            ::close(fd_);
+        }
+        fd_ = fd;
+    }
+    int release() {
+        int fd = fd_;
+        fd_ = -1;
+        return fd;
+    }
+
+private:
+    int fd_;
+};
+
+}  // namespace
+
+ProfileStore::ProfileStore(std::string path) : path_(std::move(path)) {}
+
+std::string ProfileStore::serialize(const StoredProfile& profile) {
+    Plist root(plist_new_dict());
+    plist_t top = root.get();
+    plist_dict_set_item(top, "FormatVersion", plist_new_uint(kFormatVersion));
+    setString(top, "LocalizedDescription", profile.localizedDescription);
+    plist_dict_set_item(top, "Enabled", plist_new_bool(profile.enabled ? 1 : 0));
+    const NEVPNProtocolIKEv2& p = profile.protocol;
+    plist_t proto = plist_new_dict();
+    setString(proto, "Username", p.username);
+    setString(proto, "ServerAddress", p.serverAddress);
+    setString(proto, "RemoteIdentifier", p.remoteIdentifier);
+    setString(proto, "LocalIdentifier", p.localIdentifier);
+    plist_dict_set_item(proto, "AuthenticationMethod",
+                        plist_new_uint(static_cast<std::uint64_t>(p.authenticationMethod)));
+    plist_dict_set_item(proto, "UseExtendedAuthentication",
+                        plist_new_bool(p.useExtendedAuthentication ? 1 : 0));
+    plist_dict_set_item(proto, "EnableRevocationCheck",
+                        plist_new_bool(p.enableRevocationCheck ? 1 : 0));
+    plist_dict_set_item(proto, "EnablePFS", plist_new_bool(p.enablePFS ? 1 : 0));
+    plist_dict_set_item(proto, "DisconnectOnSleep", plist_new_bool(p.disconnectOnSleep ? 1 : 0));
+    plist_dict_set_item(proto, "DeadPeerDetectionRate",
+                        plist_new_uint(static_cast<std::uint64_t>(p.deadPeerDetectionRate)));
+    plist_dict_set_item(proto, "IKESecurityAssociationParameters",
+                        saDict(p.IKESecurityAssociationParameters));
+    plist_dict_set_item(proto, "ChildSecurityAssociationParameters",
+                        saDict(p.childSecurityAssociationParameters));
+    plist_dict_set_item(top, "IKEv2", proto);
+    char* xml = nullptr;
+    std::uint32_t length = 0;
+    plist_to_xml(top, &xml, &length);
+    std::string out = xml != nullptr ? std::string(xml, length) : std::string();
+    plist_to_xml_free(xml);
+    return out;
+}
+
+bool ProfileStore::deserialize(const std::string& bytes, StoredProfile& profile,
+                               std::string& error) {
+    if (bytes.empty() || bytes.size() > kMaxFileSize) {
+        error = bytes.empty() ? "empty file" : "file too large";
+        return false;
+    }
+    plist_t parsed = nullptr;
+    plist_from_memory(bytes.data(), static_cast<std::uint32_t>(bytes.size()), &parsed);
+    Plist root(parsed);
+    if (parsed == nullptr || plist_get_node_type(parsed) != PLIST_DICT) {
+        error = "not a property list dictionary";
+        return false;
+    }
+    Reader read(error);
+    StoredProfile out;
+    std::int64_t version = 0;
+    plist_t proto = nullptr;
+    std::int64_t auth = 0;
+    std::int64_t dpd = 0;
+    NEVPNProtocolIKEv2& p = out.protocol;
+    if (!read.number(parsed, "FormatVersion", 1, 1, version) ||
+        !read.optionalString(parsed, "LocalizedDescription", out.localizedDescription) ||
+        !read.boolean(parsed, "Enabled", out.enabled) || !read.dict(parsed, "IKEv2", proto) ||
+        !read.optionalString(proto, "Username", p.username) ||
+        !read.optionalString(proto, "ServerAddress", p.serverAddress) ||
+        !read.optionalString(proto, "RemoteIdentifier", p.remoteIdentifier) ||
+        !read.optionalString(proto, "LocalIdentifier", p.localIdentifier) ||
+        !read.number(proto, "AuthenticationMethod", 0, 2, auth) ||
+        !read.boolean(proto, "UseExtendedAuthentication", p.useExtendedAuthentication) ||
+        !read.boolean(proto, "EnableRevocationCheck", p.enableRevocationCheck) ||
+        !read.boolean(proto, "EnablePFS", p.enablePFS) ||
+        !read.boolean(proto, "DisconnectOnSleep", p.disconnectOnSleep) ||
+        !read.number(proto, "DeadPeerDetectionRate", 0, 3, dpd) ||
+        !read.sa(proto, "IKESecurityAssociationParameters", p.IKESecurityAssociationParameters) ||
+        !read.sa(proto, "ChildSecurityAssociationParameters",
+                 p.childSecurityAssociationParameters)) {
+        return false;
+    }
+    p.authenticationMethod = static_cast<NEVPNIKEAuthenticationMethod>(auth);
+    p.deadPeerDetectionRate = static_cast<NEVPNIKEv2DeadPeerDetectionRate>(dpd);
+    profile = std::move(out);
+    return true;
+}
+
+bool ProfileStore::load(std::optional<StoredProfile>& profile, NSError& error) const {
+    profile.reset();
+    Fd fd(::open(path_.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
+    if (fd.get() < 0) {
+        if (errno == ENOENT) {
+            return true;
+        }
+        if (errno == ELOOP) {
+            error = makeVPNError(NEVPNErrorConfigurationReadWriteFailed,
+                                 fmt::format("refusing symbolic link {}", path_));
+            return false;
+        }
+        error = ioError("cannot open", path_, errno);
+        return false;
+    }
+    struct stat st {};
+    if (::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
+        error = makeVPNError(NEVPNErrorConfigurationReadWriteFailed,
+                             fmt::format("not a regular file: {}", path_));
+        return false;
+    }
+    std::string bytes;
+    char buffer[8192];
+    while (true) {
+        ssize_t n = ::read(fd.get(), buffer, sizeof(buffer));
+        if (n < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            error = ioError("cannot read", path_, errno);
+            return false;
+        }
+        if (n == 0) {
+            break;
+        }
+        bytes.append(buffer, static_cast<std::size_t>(n));
+        if (bytes.size() > kMaxFileSize) {
+            break;
+        }
+    }
+    StoredProfile loaded;
+    std::string why;
+    if (!deserialize(bytes, loaded, why)) {
+        error = makeVPNError(NEVPNErrorConfigurationInvalid,
+                             fmt::format("corrupt preferences {}: {}", path_, why));
+        return false;
+    }
+    profile = std::move(loaded);
+    return true;
+}
+
+bool ProfileStore::save(const StoredProfile& profile, NSError& error) const {
+    std::string folder = folderOf(path_);
+    std::string name = baseOf(path_);
+    if (!makeFolders(folder, error)) {
+        return false;
+    }
+    Fd dir(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (dir.get() < 0) {
+        error = ioError("cannot open folder", folder, errno);
+        return false;
+    }
+    struct stat st {};
+    if (::fstatat(dir.get(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 && !S_ISREG(st.st_mode)) {
+        error = makeVPNError(NEVPNErrorConfigurationReadWriteFailed,
+                             S_ISLNK(st.st_mode)
+                                 ? fmt::format("refusing symbolic link {}", path_)
+                                 : fmt::format("not a regular file: {}", path_));
+        return false;
+    }
+    std::string text = serialize(profile);
+    std::string temp;
+    Fd file;
+    for (int attempt = 0; attempt < 16 && file.get() < 0; ++attempt) {
+        temp = fmt::format(".{}.{}.{}.tmp", name, ::getpid(), attempt);
+        int fd = ::openat(dir.get(), temp.c_str(),
+                          O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+        if (fd >= 0) {
+            file.reset(fd);
+        } else if (errno != EEXIST) {
+            error = ioError("cannot create", folder + "/" + temp, errno);
+            return false;
+        }
+    }
+    if (file.get() < 0) {
+        error = ioError("cannot create a temporary file in", folder, EEXIST);
+        return false;
+    }
+    bool ok = ::fchmod(file.get(), 0600) == 0;
+    std::size_t written = 0;
+    while (ok && written < text.size()) {
+        ssize_t n = ::write(file.get(), text.data() + written, text.size() - written);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        ok = n > 0;
+        if (ok) {
+            written += static_cast<std::size_t>(n);
+        }
+    }
+    ok = ok && ::fsync(file.get()) == 0;
+    int err = errno;
+    ok = (::close(file.release()) == 0) && ok;
+    if (ok && ::renameat(dir.get(), temp.c_str(), dir.get(), name.c_str()) != 0) {
+        err = errno;
+        ok = false;
+    }
+    if (!ok) {
+        ::unlinkat(dir.get(), temp.c_str(), 0);
+        error = ioError("cannot write", path_, err != 0 ? err : EIO);
+        return false;
+    }
+    ::fsync(dir.get());
+    return true;
+}
+
+bool ProfileStore::remove(NSError& error) const {
+    if (::unlink(path_.c_str()) != 0 && errno != ENOENT) {
+        error = ioError("cannot remove", path_, errno);
+        return false;
+    }
+    return true;
+}
+
+}  // namespace platform::strongswan

@@ -1,0 +1,214 @@
+#include "platform/strongswan/ProfileStore.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+namespace ss = platform::strongswan;
+namespace fs = std::filesystem;
+using platform::NSError;
+
+namespace {
+
+ss::StoredProfile sampleProfile() {
+    ss::StoredProfile profile;
+    auto& p = profile.protocol;
+    p.username = "alice";
+    p.serverAddress = "vpn.example.net";
+    p.remoteIdentifier = "vpn.example.net";
+    p.authenticationMethod = platform::NEVPNIKEAuthenticationMethodCertificate;
+    p.useExtendedAuthentication = true;
+    p.enableRevocationCheck = true;
+    p.enablePFS = true;
+    p.disconnectOnSleep = true;
+    p.deadPeerDetectionRate = platform::NEVPNIKEv2DeadPeerDetectionRateHigh;
+    p.IKESecurityAssociationParameters = {platform::NEVPNIKEv2EncryptionAlgorithmAES256,
+                                          platform::NEVPNIKEv2IntegrityAlgorithmSHA256,
+                                          platform::NEVPNIKEv2DiffieHellmanGroup14, 1440};
+    p.childSecurityAssociationParameters = p.IKESecurityAssociationParameters;
+    profile.enabled = true;
+    profile.localizedDescription = "Orvane IKEv2";
+    return profile;
+}
+
+std::string readFile(const fs::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+void writeFile(const fs::path& path, const std::string& text) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << text;
+}
+
+class ProfileStoreTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        char pattern[] = "/tmp/profilestore.XXXXXX";
+        ASSERT_NE(::mkdtemp(pattern), nullptr);
+        root = pattern;
+        file = root / "orvane-ikev2" / "preferences.plist";
+    }
+    void TearDown() override { fs::remove_all(root); }
+
+    fs::path root;
+    fs::path file;
+};
+
+TEST_F(ProfileStoreTest, NoFileMeansNoProfile) {
+    ss::ProfileStore store(file);
+    std::optional<ss::StoredProfile> loaded = sampleProfile();
+    NSError error;
+    EXPECT_TRUE(store.load(loaded, error));
+    EXPECT_FALSE(loaded.has_value());
+}
+
+TEST_F(ProfileStoreTest, SavesAndLoadsEveryField) {
+    ss::ProfileStore store(file);
+    NSError error;
+    ss::StoredProfile profile = sampleProfile();
+    profile.protocol.localIdentifier = "client@example.net";
+    profile.protocol.childSecurityAssociationParameters = {
+        platform::NEVPNIKEv2EncryptionAlgorithmAES128GCM,
+        platform::NEVPNIKEv2IntegrityAlgorithmSHA384, platform::NEVPNIKEv2DiffieHellmanGroup19,
+        60};
+    profile.protocol.deadPeerDetectionRate = platform::NEVPNIKEv2DeadPeerDetectionRateLow;
+    ASSERT_TRUE(store.save(profile, error)) << error.description;
+    std::optional<ss::StoredProfile> loaded;
+    ASSERT_TRUE(store.load(loaded, error)) << error.description;
+    ASSERT_TRUE(loaded.has_value());
+    EXPECT_EQ(*loaded, profile);
+
+    // Absent optional fields stay absent.
+    profile.protocol.localIdentifier.reset();
+    profile.protocol.remoteIdentifier.reset();
+    profile.localizedDescription.reset();
+    ASSERT_TRUE(store.save(profile, error));
+    ASSERT_TRUE(store.load(loaded, error));
+    EXPECT_EQ(*loaded, profile);
+}
+
+TEST_F(ProfileStoreTest, FileIsPrivateAndFolderCreatedPrivate) {
+    ss::ProfileStore store(file);
+    NSError error;
+    ::umask(022);
+    ASSERT_TRUE(store.save(sampleProfile(), error)) << error.description;
+    struct stat st {};
+    ASSERT_EQ(::stat(file.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0600u);
+    ASSERT_EQ(::stat(file.parent_path().c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0700u);
+    std::string text = readFile(file);
+    EXPECT_NE(text.find("<plist"), std::string::npos);
+    EXPECT_NE(text.find("alice"), std::string::npos);
+    EXPECT_EQ(text.find("assword"), std::string::npos);
+}
+
+TEST_F(ProfileStoreTest, ReplacesTheFileAtomicallyAndLeavesNoTemporaryFiles) {
+    ss::ProfileStore store(file);
+    NSError error;
+    ASSERT_TRUE(store.save(sampleProfile(), error));
+    std::string before = readFile(file);
+    // A hard link keeps the old inode: an in-place rewrite would change it.
+    fs::path keep = root / "old-copy";
+    fs::create_hard_link(file, keep);
+    ss::StoredProfile changed = sampleProfile();
+    changed.protocol.username = "bob";
+    ASSERT_TRUE(store.save(changed, error));
+    EXPECT_EQ(readFile(keep), before);
+    EXPECT_NE(readFile(file).find("bob"), std::string::npos);
+    int entries = 0;
+    for (const auto& entry : fs::directory_iterator(file.parent_path())) {
+        ++entries;
+        EXPECT_EQ(entry.path().filename(), "preferences.plist");
+    }
+    EXPECT_EQ(entries, 1);
+}
+
+TEST_F(ProfileStoreTest, RefusesSymbolicLinks) {
+    fs::create_directories(file.parent_path());
+    fs::path target = root / "elsewhere";
+    writeFile(target, "untouched");
+    fs::create_symlink(target, file);
+    ss::ProfileStore store(file);
+    NSError error;
+    EXPECT_FALSE(store.save(sampleProfile(), error));
+    EXPECT_NE(error.description.find("symbolic link"), std::string::npos);
+    EXPECT_EQ(error.code, ss::NEVPNErrorConfigurationReadWriteFailed);
+    EXPECT_EQ(readFile(target), "untouched");
+    std::optional<ss::StoredProfile> loaded;
+    error = {};
+    EXPECT_FALSE(store.load(loaded, error));
+    EXPECT_NE(error.description.find("symbolic link"), std::string::npos);
+
+    // A linked folder is refused as well.
+    fs::path realFolder = root / "real";
+    fs::create_directories(realFolder);
+    fs::path linkedFolder = root / "linked";
+    fs::create_directory_symlink(realFolder, linkedFolder);
+    ss::ProfileStore throughLink(linkedFolder / "preferences.plist");
+    EXPECT_FALSE(throughLink.save(sampleProfile(), error));
+    EXPECT_FALSE(fs::exists(realFolder / "preferences.plist"));
+}
+
+TEST_F(ProfileStoreTest, CorruptFilesAreLoadErrors) {
+    std::string good = ss::ProfileStore::serialize(sampleProfile());
+    auto replace = [&](const std::string& from, const std::string& to) {
+        std::string text = good;
+        auto at = text.find(from);
+        EXPECT_NE(at, std::string::npos) << from;
+        return text.replace(at, from.size(), to);
+    };
+    struct Case {
+        const char* what;
+        std::string text;
+    };
+    std::vector<Case> cases = {
+        {"empty file", ""},
+        {"not a property list", "hello world\n"},
+        {"truncated", good.substr(0, good.size() / 2)},
+        {"array at the top", "<?xml version=\"1.0\"?><plist version=\"1.0\"><array/></plist>"},
+        {"wrong type", replace("<key>Enabled</key>\n\t<true/>", "<key>Enabled</key>\n\t<string>yes</string>")},
+        {"missing protocol", replace("<key>IKEv2</key>", "<key>Other</key>")},
+        {"enum out of range", replace("<key>DeadPeerDetectionRate</key>\n\t\t<integer>3</integer>",
+                                      "<key>DeadPeerDetectionRate</key>\n\t\t<integer>9</integer>")},
+    };
+    fs::create_directories(file.parent_path());
+    ss::ProfileStore store(file);
+    for (const auto& c : cases) {
+        writeFile(file, c.text);
+        std::optional<ss::StoredProfile> loaded;
+        NSError error;
+        EXPECT_FALSE(store.load(loaded, error)) << c.what;
+        EXPECT_FALSE(loaded.has_value()) << c.what;
+        EXPECT_NE(error.code, 0) << c.what;
+        EXPECT_NE(error.description.find("preferences"), std::string::npos) << c.what;
+    }
+}
+
+TEST_F(ProfileStoreTest, UnreadableFileIsALoadError) {
+    fs::create_directories(file);  // a folder where the file should be
+    ss::ProfileStore store(file);
+    std::optional<ss::StoredProfile> loaded;
+    NSError error;
+    EXPECT_FALSE(store.load(loaded, error));
+    EXPECT_EQ(error.code, ss::NEVPNErrorConfigurationReadWriteFailed);
+}
+
+TEST_F(ProfileStoreTest, RemoveDeletesAndToleratesAMissingFile) {
+    ss::ProfileStore store(file);
+    NSError error;
+    EXPECT_TRUE(store.remove(error));
+    ASSERT_TRUE(store.save(sampleProfile(), error));
+    EXPECT_TRUE(store.remove(error));
+    EXPECT_FALSE(fs::exists(file));
+}
+
+}  // namespace
