@@ -53,7 +53,8 @@ void GBCommandLineParser::registerOption(const std::string& longName, char short
     }
 }
 
-void GBCommandLineParser::registerOption(const std::string& longName, GBOptionRequirement requirement) {
+void GBCommandLineParser::registerOption(const std::string& longName,
+                                         GBOptionRequirement requirement) {
     registerOption(longName, 0, requirement);
 }
 
@@ -61,9 +62,13 @@ void GBCommandLineParser::registerSwitch(const std::string& longName, char short
     registerOption(longName, shortcut, GBValueNone);
 }
 
-void GBCommandLineParser::registerSwitch(const std::string& longName) { registerSwitch(longName, 0); }
+void GBCommandLineParser::registerSwitch(const std::string& longName) {
+    registerSwitch(longName, 0);
+}
 
-void GBCommandLineParser::registerSettings(GBSettingsRef settings) { settings_ = std::move(settings); }
+void GBCommandLineParser::registerSettings(GBSettingsRef settings) {
+    settings_ = std::move(settings);
+}
 
 void GBCommandLineParser::beginRegisterOptionGroup(const std::string& name) {
     const auto existing = registeredOptionGroupsByNames_.find(name);
@@ -131,7 +136,9 @@ Value GBCommandLineParser::valueForOption(const std::string& longName) const {
     return parsedOptions_.objectForKey(longName);
 }
 
-Value GBCommandLineParser::arguments() const { return Value::array(parsedArguments_.elements()); }
+Value GBCommandLineParser::arguments() const {
+    return Value::array(parsedArguments_.elements());
+}
 
 // --- Parsing ---
 
@@ -172,8 +179,8 @@ bool GBCommandLineParser::parseOptionsWithArguments(const std::vector<std::strin
                 result = false;
             } else {
                 name = longName;
-                const auto requirement = static_cast<std::uint64_t>(
-                    data.objectForKey(kRequirementKey).integerValue());
+                const auto requirement =
+                    static_cast<std::uint64_t>(data.objectForKey(kRequirementKey).integerValue());
                 if (requirement == GBValueRequired || requirement == GBValueOptional) {
                     if (value.isNil() && index + 1 < arguments.size()) {
                         const std::string& next = arguments[index + 1];

@@ -32,20 +32,20 @@ enum GBOptionRequirement : std::uint64_t {
 
 // The kind of event passed to a parse block.
 enum GBParseFlags : std::uint64_t {
-    GBParseFlagOption = 0,          // option: long name (or group name) and value
-    GBParseFlagArgument = 1,        // positional argument: no name, the word as value
-    GBParseFlagWrongGroup = 2,      // option outside the selected group: the argument as given
-    GBParseFlagMissingValue = 3,    // required value missing: the long name
-    GBParseFlagUnknownOption = 4,   // unknown option: the argument as given
+    GBParseFlagOption = 0,         // option: long name (or group name) and value
+    GBParseFlagArgument = 1,       // positional argument: no name, the word as value
+    GBParseFlagWrongGroup = 2,     // option outside the selected group: the argument as given
+    GBParseFlagMissingValue = 3,   // required value missing: the long name
+    GBParseFlagUnknownOption = 4,  // unknown option: the argument as given
 };
 
 // The parse callback: (event, option name or none, value or nil, stop flag).
 // Setting *stop ends the parse with the result false (see parse below).
-using GBParseBlock = std::function<void(GBParseFlags flags, const std::optional<std::string>& option,
-                                        const Value& value, bool* stop)>;
+using GBParseBlock = std::function<void(
+    GBParseFlags flags, const std::optional<std::string>& option, const Value& value, bool* stop)>;
 
 class GBCommandLineParser : public std::enable_shared_from_this<GBCommandLineParser> {
-public:
+  public:
     GBCommandLineParser();
     virtual ~GBCommandLineParser() = default;
     GBCommandLineParser(const GBCommandLineParser&) = delete;
@@ -57,7 +57,8 @@ public:
     // byte for none) and a requirement. A switch (GBValueNone) also
     // registers its "no-" twin. A repeated name or shortcut replaces the
     // earlier record silently.
-    void registerOption(const std::string& longName, char shortcut, GBOptionRequirement requirement);
+    void registerOption(const std::string& longName, char shortcut,
+                        GBOptionRequirement requirement);
     void registerOption(const std::string& longName, GBOptionRequirement requirement);
     void registerSwitch(const std::string& longName, char shortcut);
     void registerSwitch(const std::string& longName);
@@ -139,11 +140,11 @@ public:
         return currentOptionsGroupName_;
     }
 
-protected:
+  protected:
     // Called by each simplified form with its own name; does nothing here.
     virtual void validateSimplifiedOptionsWithSelector(std::string_view selector);
 
-private:
+  private:
     GBSettingsRef settings_;
     Value parsedOptions_;
     Value parsedArguments_;

@@ -60,7 +60,8 @@ bool GBCommandLineParser::parseOptionsWithArguments(const std::vector<std::strin
 std::vector<std::string> processArguments() {
     std::ifstream file("/proc/self/cmdline", std::ios::binary);
     if (!file) return {};
-    const std::string bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    const std::string bytes((std::istreambuf_iterator<char>(file)),
+                            std::istreambuf_iterator<char>());
     // NUL-terminated entries, one per argument; an empty argument is an
     // empty entry.
     std::vector<std::string> arguments;

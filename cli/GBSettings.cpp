@@ -58,7 +58,9 @@ void GBSettings::setObject(const Value& value, const std::string& key) {
     }
 }
 
-Value GBSettings::objectForLocalKey(const std::string& key) const { return storage_.objectForKey(key); }
+Value GBSettings::objectForLocalKey(const std::string& key) const {
+    return storage_.objectForKey(key);
+}
 
 void GBSettings::setObjectForLocalKey(const Value& value, const std::string& key) {
     // Nil is never stored; a storage-less level drops every write.
@@ -78,7 +80,9 @@ bool GBSettings::isKeyArray(const std::string& key) const {
     return arrayKeys_ && arrayKeys_->count(key) > 0;
 }
 
-bool GBSettings::boolForKey(const std::string& key) const { return objectForKey(key).boolValue(); }
+bool GBSettings::boolForKey(const std::string& key) const {
+    return objectForKey(key).boolValue();
+}
 
 void GBSettings::setBool(bool value, const std::string& key) {
     setObject(Value::numberWithBool(value), key);
@@ -101,23 +105,32 @@ void GBSettings::setUnsignedInteger(std::uint64_t value, const std::string& key)
     setObject(Value::numberWithUnsignedInteger(value), key);
 }
 
-double GBSettings::floatForKey(const std::string& key) const { return objectForKey(key).doubleValue(); }
+double GBSettings::floatForKey(const std::string& key) const {
+    return objectForKey(key).doubleValue();
+}
 
 void GBSettings::setFloat(double value, const std::string& key) {
     setObject(Value::numberWithDouble(value), key);
 }
 
-void GBSettings::addArgument(const Value& argument) { setObject(argument, GBSettingsArgumentsKey); }
+void GBSettings::addArgument(const Value& argument) {
+    setObject(argument, GBSettingsArgumentsKey);
+}
 
-Value GBSettings::arguments() const { return objectForKey(GBSettingsArgumentsKey); }
+Value GBSettings::arguments() const {
+    return objectForKey(GBSettingsArgumentsKey);
+}
 
-void GBSettings::setArguments(const Value& arguments) { setObject(arguments, GBSettingsArgumentsKey); }
+void GBSettings::setArguments(const Value& arguments) {
+    setObject(arguments, GBSettingsArgumentsKey);
+}
 
 GBSettings* GBSettings::settingsForArgument(const Value& argument) {
     return settingsForArrayValue(argument, GBSettingsArgumentsKey);
 }
 
-void GBSettings::enumerateSettings(const std::function<void(GBSettings& level, bool* stop)>& block) {
+void GBSettings::enumerateSettings(
+    const std::function<void(GBSettings& level, bool* stop)>& block) {
     bool stop = false;
     for (GBSettings* level = this; level; level = level->parent_.get()) {
         block(*level, &stop);

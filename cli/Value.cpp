@@ -37,7 +37,8 @@ std::partial_ordering compareNumbers(const Value::Object& a, const Value::Object
     if (a.numberType == NT::Double || b.numberType == NT::Double) {
         auto asLong = [](const Value::Object& o) -> long double {
             if (o.numberType == NT::Double) return o.doubleNumber;
-            if (o.numberType == NT::UnsignedInteger) return static_cast<long double>(o.unsignedNumber);
+            if (o.numberType == NT::UnsignedInteger)
+                return static_cast<long double>(o.unsignedNumber);
             return static_cast<long double>(o.signedNumber);
         };
         return asLong(a) <=> asLong(b);
@@ -144,11 +145,17 @@ Value Value::date(double secondsSince1970) {
     return Value(std::move(object));
 }
 
-Value::Kind Value::kind() const { return object_ ? object_->kind : Kind::Nil; }
+Value::Kind Value::kind() const {
+    return object_ ? object_->kind : Kind::Nil;
+}
 
-bool Value::isMutableArray() const { return isArray() && object_->isMutable; }
+bool Value::isMutableArray() const {
+    return isArray() && object_->isMutable;
+}
 
-bool Value::isMutableDictionary() const { return isDictionary() && object_->isMutable; }
+bool Value::isMutableDictionary() const {
+    return isDictionary() && object_->isMutable;
+}
 
 bool Value::isEqual(const Value& other) const {
     if (!object_ || !other.object_) return false;
@@ -187,9 +194,13 @@ bool Value::isEqual(const Value& other) const {
     return false;
 }
 
-const std::string& Value::stringValue() const { return isString() ? object_->text : kEmptyString; }
+const std::string& Value::stringValue() const {
+    return isString() ? object_->text : kEmptyString;
+}
 
-std::size_t Value::length() const { return isString() ? utf16Length(object_->text) : 0; }
+std::size_t Value::length() const {
+    return isString() ? utf16Length(object_->text) : 0;
+}
 
 Value::NumberType Value::numberType() const {
     return isNumber() ? object_->numberType : NumberType::Integer;
@@ -261,10 +272,16 @@ void Value::removeAllObjects() {
     if (isMutableArray()) object_->elements.clear();
 }
 
-const std::vector<std::uint8_t>& Value::bytes() const { return isData() ? object_->bytes : kNoBytes; }
+const std::vector<std::uint8_t>& Value::bytes() const {
+    return isData() ? object_->bytes : kNoBytes;
+}
 
-double Value::secondsSince1970() const { return isDate() ? object_->doubleNumber : 0.0; }
+double Value::secondsSince1970() const {
+    return isDate() ? object_->doubleNumber : 0.0;
+}
 
-std::string describe(const std::optional<std::string>& text) { return text ? *text : "(null)"; }
+std::string describe(const std::optional<std::string>& text) {
+    return text ? *text : "(null)";
+}
 
 }  // namespace cli

@@ -4,12 +4,12 @@
 #include "cli/Value.h"
 #include "cli/ValueObject.h"
 
+#include <locale.h>
 #include <clocale>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <limits>
-#include <locale.h>
 
 namespace cli {
 
@@ -42,7 +42,7 @@ int digitValue(char32_t c) {
 
 // A cursor over UTF-8 text that reads one code point at a time.
 class Scanner {
-public:
+  public:
     explicit Scanner(std::string_view text) : text_(text) {}
 
     bool atEnd() const { return pos_ >= text_.size(); }
@@ -55,7 +55,7 @@ public:
     }
     int peekDigit() const { return atEnd() ? -1 : digitValue(peek()); }
 
-private:
+  private:
     std::string_view text_;
     std::size_t pos_ = 0;
 };
@@ -231,9 +231,9 @@ std::string numberDescription(const Value& number) {
             return buffer;
         }
         case Value::NumberType::UnsignedInteger:
-            std::snprintf(buffer, sizeof buffer, "%llu",
-                          static_cast<unsigned long long>(
-                              static_cast<std::uint64_t>(number.integerValue())));
+            std::snprintf(
+                buffer, sizeof buffer, "%llu",
+                static_cast<unsigned long long>(static_cast<std::uint64_t>(number.integerValue())));
             return buffer;
         default:
             std::snprintf(buffer, sizeof buffer, "%lld",

@@ -13,7 +13,9 @@ namespace cli {
 
 namespace {
 
-std::string indentation(int level) { return std::string(static_cast<std::size_t>(level) * 4, ' '); }
+std::string indentation(int level) {
+    return std::string(static_cast<std::size_t>(level) * 4, ' ');
+}
 
 bool isAsciiAlphanumeric(char16_t unit) {
     return (unit >= u'0' && unit <= u'9') || (unit >= u'a' && unit <= u'z') ||
@@ -31,15 +33,33 @@ std::string quoteIfNeeded(std::string_view text) {
     char buffer[16];
     for (char16_t unit : units) {
         switch (unit) {
-            case u'"': out += "\\\""; break;
-            case u'\\': out += "\\\\"; break;
-            case u'\n': out += "\\n"; break;
-            case u'\t': out += "\\t"; break;
-            case u'\a': out += "\\a"; break;
-            case u'\b': out += "\\b"; break;
-            case u'\v': out += "\\v"; break;
-            case u'\f': out += "\\f"; break;
-            case u'\r': out += '\r'; break;  // carriage return stays raw
+            case u'"':
+                out += "\\\"";
+                break;
+            case u'\\':
+                out += "\\\\";
+                break;
+            case u'\n':
+                out += "\\n";
+                break;
+            case u'\t':
+                out += "\\t";
+                break;
+            case u'\a':
+                out += "\\a";
+                break;
+            case u'\b':
+                out += "\\b";
+                break;
+            case u'\v':
+                out += "\\v";
+                break;
+            case u'\f':
+                out += "\\f";
+                break;
+            case u'\r':
+                out += '\r';
+                break;  // carriage return stays raw
             default:
                 if (unit >= 0x80) {
                     std::snprintf(buffer, sizeof buffer, "\\U%04x", static_cast<unsigned>(unit));

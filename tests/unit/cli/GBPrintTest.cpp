@@ -19,7 +19,8 @@ std::string writtenTo(Write write) {
     std::rewind(stream);
     std::string text;
     char buffer[256];
-    for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, stream)) > 0;) text.append(buffer, n);
+    for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, stream)) > 0;)
+        text.append(buffer, n);
     std::fclose(stream);
     return text;
 }

@@ -22,16 +22,16 @@ struct BoolCase {
 
 TEST(ValueStringBool, FollowsTheLetterSignZerosDigitRule) {
     const BoolCase cases[] = {
-        {"YES", true},    {"no", false},     {"1", true},        {"0", false},
-        {" 2", true},     {"-1", true},      {"+0", false},      {"0001", true},
-        {"true", true},   {"", false},       {"t", true},        {"N", false},
-        {"00", false},    {"0.1", false},    {".5", false},      {"  yes", true},
-        {"y+", true},     {"ya", true},      {"1a", true},       {"+000009", true},
-        {"+-5", false},   {"--1", false},    {"- 7", false},     {"+t", false},
-        {"+y", false},    {"0t", false},     {"\t\n42", false},  {"\u0663", false},
-        {"0x1A", false},  {" 0 2", false},   {"000-1", false},   {" + 111", false},
-        {"false", false}, {"T", true},       {"\t9", true},      {"\u00a01", true},
-        {"\u30001", true}, {"\n1", false},   {"\u20281", false}, {"9", true},
+        {"YES", true},     {"no", false},   {"1", true},        {"0", false},
+        {" 2", true},      {"-1", true},    {"+0", false},      {"0001", true},
+        {"true", true},    {"", false},     {"t", true},        {"N", false},
+        {"00", false},     {"0.1", false},  {".5", false},      {"  yes", true},
+        {"y+", true},      {"ya", true},    {"1a", true},       {"+000009", true},
+        {"+-5", false},    {"--1", false},  {"- 7", false},     {"+t", false},
+        {"+y", false},     {"0t", false},   {"\t\n42", false},  {"\u0663", false},
+        {"0x1A", false},   {" 0 2", false}, {"000-1", false},   {" + 111", false},
+        {"false", false},  {"T", true},     {"\t9", true},      {"\u00a01", true},
+        {"\u30001", true}, {"\n1", false},  {"\u20281", false}, {"9", true},
     };
     for (const auto& c : cases) {
         EXPECT_EQ(Value(c.text).boolValue(), c.expected) << "text: \"" << c.text << "\"";
@@ -175,7 +175,8 @@ TEST(ValueEquality, NumbersCompareByValueAcrossTypes) {
     EXPECT_TRUE(Value::numberWithBool(true).isEqual(Value::numberWithInt(1)));
     EXPECT_TRUE(Value::numberWithDouble(2.0).isEqual(Value::numberWithInteger(2)));
     EXPECT_FALSE(Value::numberWithDouble(2.5).isEqual(Value::numberWithInteger(2)));
-    EXPECT_FALSE(Value::numberWithUnsignedInteger(UINT64_MAX).isEqual(Value::numberWithInteger(-1)));
+    EXPECT_FALSE(
+        Value::numberWithUnsignedInteger(UINT64_MAX).isEqual(Value::numberWithInteger(-1)));
     EXPECT_FALSE(Value::numberWithInt(1).isEqual(Value("1")));
 }
 
@@ -282,13 +283,13 @@ TEST(ValueDescription, DictionariesSortKeys) {
 }
 
 TEST(ValueDescription, NestedCollectionsDoubleTheIndent) {
-    const Value nested = Value::array({Value::numberWithInt(1),
-                                       Value::array({Value::numberWithInt(3), Value::numberWithInt(4)}),
-                                       Value::array()});
+    const Value nested = Value::array(
+        {Value::numberWithInt(1), Value::array({Value::numberWithInt(3), Value::numberWithInt(4)}),
+         Value::array()});
     EXPECT_EQ(nested.description(),
               "(\n    1,\n        (\n        3,\n        4\n    ),\n        (\n    )\n)");
-    const Value map = Value::dictionary(
-        {{"list", Value::array({"x y"})}, {"map", Value::dictionary()}});
+    const Value map =
+        Value::dictionary({{"list", Value::array({"x y"})}, {"map", Value::dictionary()}});
     EXPECT_EQ(map.description(),
               "{\n    list =     (\n        \"x y\"\n    );\n    map =     {\n    };\n}");
 }
