@@ -123,3 +123,57 @@ inline std::vector<std::string> messages(const std::string& text) {
 }
 
 }  // namespace testing_support
+
+namespace testing_support {
+
+// Sends everything written to file descriptor 2 to a temporary file until
+// text() is called, so in-process tests can read the log lines.
+class StderrCapture {
+public:
+    StderrCapture() {
+        std::fflush(stderr);
+        saved_ = ::dup(STDERR_FILENO);
+        std::FILE* file = std::tmpfile();
+        fd_ = ::dup(::fileno(file));
+        std::fclose(file);
+        ::dup2(fd_, STDERR_FILENO);
+    }
+    ~StderrCapture() {
+        restore();
+        ::close(fd_);
+    }
+    StderrCapture(const StderrCapture&) = delete;
+    StderrCapture& operator=(const StderrCapture&) = delete;
+
+    // What was written so far; keeps capturing.
+    std::string text() const {
+        std::string content;
+        char buffer[4096];
+        off_t offset = 0;
+        for (;;) {
+            const ssize_t n = ::pread(fd_, buffer, sizeof buffer, offset);
+            if (n <= 0) {
+                break;
+            }
+            content.append(buffer, static_cast<std::size_t>(n));
+            offset += n;
+        }
+        return content;
+    }
+    std::vector<std::string> messages() const { return testing_support::messages(text()); }
+
+    void restore() {
+        if (saved_ >= 0) {
+            std::fflush(stderr);
+            ::dup2(saved_, STDERR_FILENO);
+            ::close(saved_);
+            saved_ = -1;
+        }
+    }
+
+private:
+    int saved_ = -1;
+    int fd_ = -1;
+};
+
+}  // namespace testing_support

@@ -1,0 +1,104 @@
+#pragma once
+
+// The connector: the one object that owns the tool's IKEv2 profile and its
+// tunnel. `connect` writes the profile through the platform's VPN manager
+// and starts the tunnel with the credentials as start options; status
+// notifications then drive it until the tunnel goes down. Every failure,
+// and the end of the check, create and tunnel runs, ends the process with
+// exit() and the status the tool's controller expects.
+
+#include "platform/NEVPN.h"
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+// The service's default remote identifier, used when the configuration
+// names none.
+inline constexpr const char* kDefaultRemoteID = "vpn.orvane.net";
+
+// The profile's name: its localized description and the network service
+// name the interface lookup looks for.
+inline constexpr const char* kVPNProfileName = "Orvane IKEv2";
+
+// Reads a key=value configuration file. Nil when the file cannot be opened
+// (after an error line); lines that do not match, or whose key or value is
+// not valid UTF-8, are skipped.
+std::optional<std::map<std::string, std::string>> ParseConfig(const std::string& path);
+
+// The log text of a status ("IKEv2 Connected", ...).
+std::string NSStringFromNEVPNStatus(platform::NEVPNStatus status);
+
+// Absent text as a format argument prints as "(null)".
+inline std::string_view orNull(const std::optional<std::string>& text) {
+    return text ? std::string_view(*text) : std::string_view("(null)");
+}
+
+class OVConnectorIKEv2 : public std::enable_shared_from_this<OVConnectorIKEv2> {
+public:
+    using OptionalString = std::optional<std::string>;
+    using TimePoint = platform::SystemClock::time_point;
+
+    // initWithServer:username:password: and initWithConfigFile:.
+    static std::shared_ptr<OVConnectorIKEv2> initWithServer(OptionalString server, OptionalString username,
+                                                            OptionalString password);
+    static std::shared_ptr<OVConnectorIKEv2> initWithConfigFile(const std::string& path);
+
+    // Handles a status notification: reads the connection's status afresh.
+    void vpnStatusChanged();
+    // The BSD name of the tunnel's interface; "ipsec0" when the lookup fails,
+    // nil when the service has an interface without a name.
+    OptionalString adapterId();
+    // The reason of the last disconnect since the start, or "".
+    std::string fetchLastDisconnectError();
+    void createConnection();
+    void connect();
+    void disconnect();
+    void disconnectWithError(const OptionalString& error);
+
+    bool connecting() const { return connecting_; }
+    void setConnecting(bool value) { connecting_ = value; }
+    bool connected() const { return connected_; }
+    void setConnected(bool value) { connected_ = value; }
+    bool checkOnly() const { return checkOnly_; }
+    void setCheckOnly(bool value) { checkOnly_ = value; }
+    bool createOnly() const { return createOnly_; }
+    void setCreateOnly(bool value) { createOnly_ = value; }
+    const OptionalString& password() const { return password_; }
+    void setPassword(OptionalString value) { password_ = std::move(value); }
+    const OptionalString& username() const { return username_; }
+    void setUsername(OptionalString value) { username_ = std::move(value); }
+    const OptionalString& server() const { return server_; }
+    void setServer(OptionalString value) { server_ = std::move(value); }
+    const OptionalString& remoteID() const { return remoteID_; }
+    void setRemoteID(OptionalString value) { remoteID_ = std::move(value); }
+    platform::NEVPNManager* vpnManager() const { return vpnManager_; }
+    void setVpnManager(platform::NEVPNManager* value) { vpnManager_ = value; }
+    const std::optional<TimePoint>& connectingDate() const { return connectingDate_; }
+    void setConnectingDate(std::optional<TimePoint> value) { connectingDate_ = value; }
+    const OptionalString& lastDisconnectError() const { return lastDisconnectError_; }
+    void setLastDisconnectError(OptionalString value) { lastDisconnectError_ = std::move(value); }
+
+private:
+    OVConnectorIKEv2(OptionalString server, OptionalString username, OptionalString password);
+
+    void loadCompleted(const platform::OptionalError& error);
+    void saveCompleted(const platform::OptionalError& error);
+    // The queued start step. `saveError` is the save handler's error value,
+    // which the start failure line prints (it is always nil there).
+    void startTunnel(const platform::OptionalError& saveError);
+
+    bool connecting_ = false;
+    bool connected_ = false;
+    bool checkOnly_ = false;
+    bool createOnly_ = false;
+    OptionalString password_;
+    OptionalString username_;
+    OptionalString server_;
+    OptionalString remoteID_;
+    platform::NEVPNManager* vpnManager_ = nullptr;
+    std::optional<TimePoint> connectingDate_;
+    OptionalString lastDisconnectError_;
+};
