@@ -1,0 +1,54 @@
+#pragma once
+
+// How the tool's IKEv2 profile maps onto charon's VICI messages: the
+// connection for load-conn, the EAP secret for load-shared, and the
+// requests that start and stop the tunnel.
+
+#include "platform/NEVPN.h"
+#include "platform/strongswan/ViciMessage.h"
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace platform::strongswan {
+
+// The connection name charon knows the profile by (the profile's name).
+inline constexpr const char* kConnectionName = "Orvane IKEv2";
+// The one CHILD_SA of the connection: the tunnel.
+inline constexpr const char* kChildName = "orvane";
+// The id of the EAP secret, so it can be unloaded again.
+inline constexpr const char* kEapSecretId = "orvane-ikev2-eap";
+
+// strongSwan's algorithm keywords; none for values it has no keyword for.
+std::optional<std::string> viciEncryption(NEVPNIKEv2EncryptionAlgorithm algorithm);
+std::optional<std::string> viciIntegrity(NEVPNIKEv2IntegrityAlgorithm algorithm);
+// The PRF keyword that goes with an integrity algorithm ("prfsha256").
+std::optional<std::string> viciPrf(NEVPNIKEv2IntegrityAlgorithm algorithm);
+// Empty for NEVPNIKEv2DiffieHellmanGroupInvalid (no group).
+std::optional<std::string> viciGroup(NEVPNIKEv2DiffieHellmanGroup group);
+bool isAeadEncryption(NEVPNIKEv2EncryptionAlgorithm algorithm);
+
+// "aes256-sha256-modp2048" style proposals. ESP carries the group only
+// when `withGroup` (PFS).
+bool ikeProposal(const NEVPNIKEv2SecurityAssociationParameters& sa, std::string& proposal,
+                 std::string& error);
+bool espProposal(const NEVPNIKEv2SecurityAssociationParameters& sa, bool withGroup,
+                 std::string& proposal, std::string& error);
+
+// DPD interval for a rate: High 60s, Medium 600s, Low 1800s, None 0s.
+std::string viciDpdDelay(NEVPNIKEv2DeadPeerDetectionRate rate);
+
+// The load-conn message: one section named kConnectionName.
+bool buildLoadConn(const NEVPNProtocolIKEv2& protocol, ViciSection& message, std::string& error);
+
+// The load-shared message for the EAP secret. The password is copied once
+// into the message; wipe the message after sending it.
+void buildLoadShared(std::string_view username, std::string_view password, ViciSection& message);
+
+ViciSection buildInitiate();
+ViciSection buildTerminate();
+ViciSection buildUnloadShared();
+ViciSection buildUnloadConn();
+
+}  // namespace platform::strongswan

@@ -1,0 +1,253 @@
+#include "platform/strongswan/ViciProfile.h"
+
+#include <gtest/gtest.h>
+
+namespace ss = platform::strongswan;
+using ss::ViciEntry;
+using ss::ViciSection;
+
+namespace {
+
+platform::NEVPNProtocolIKEv2 toolProfile() {
+    platform::NEVPNProtocolIKEv2 p;
+    p.username = "alice";
+    p.serverAddress = "vpn.example.net";
+    p.remoteIdentifier = "server.example.net";
+    p.authenticationMethod = platform::NEVPNIKEAuthenticationMethodCertificate;
+    p.useExtendedAuthentication = true;
+    p.enableRevocationCheck = true;
+    p.enablePFS = true;
+    p.disconnectOnSleep = true;
+    p.deadPeerDetectionRate = platform::NEVPNIKEv2DeadPeerDetectionRateHigh;
+    p.IKESecurityAssociationParameters.encryptionAlgorithm =
+        platform::NEVPNIKEv2EncryptionAlgorithmAES256;
+    p.IKESecurityAssociationParameters.integrityAlgorithm =
+        platform::NEVPNIKEv2IntegrityAlgorithmSHA256;
+    p.IKESecurityAssociationParameters.diffieHellmanGroup =
+        platform::NEVPNIKEv2DiffieHellmanGroup14;
+    p.childSecurityAssociationParameters = p.IKESecurityAssociationParameters;
+    return p;
+}
+
+// One expected entry: path of sections, kind, and the value or items.
+struct Expect {
+    std::vector<std::string> path;
+    ViciEntry::Kind kind;
+    std::vector<std::string> content;
+};
+
+const ViciEntry* find(const ViciSection& root, const std::vector<std::string>& path) {
+    const ViciSection* at = &root;
+    for (std::size_t i = 0; i + 1 < path.size(); ++i) {
+        at = at->section(path[i]);
+        if (at == nullptr) {
+            return nullptr;
+        }
+    }
+    for (const auto& entry : at->entries()) {
+        if (entry.name == path.back()) {
+            return &entry;
+        }
+    }
+    return nullptr;
+}
+
+std::string joined(const std::vector<std::string>& path) {
+    std::string out;
+    for (const auto& p : path) {
+        out += "/" + p;
+    }
+    return out;
+}
+
+TEST(ViciProfileTest, ToolProfileBecomesTheExpectedTypedConnection) {
+    ViciSection message;
+    std::string error;
+    ASSERT_TRUE(ss::buildLoadConn(toolProfile(), message, error)) << error;
+    using K = ViciEntry::Kind;
+    const std::string c = "Orvane IKEv2";
+    std::vector<Expect> expected = {
+        {{c, "version"}, K::Value, {"2"}},
+        {{c, "remote_addrs"}, K::List, {"vpn.example.net"}},
+        {{c, "vips"}, K::List, {"0.0.0.0"}},
+        {{c, "proposals"}, K::List, {"aes256-sha256-modp2048"}},
+        {{c, "dpd_delay"}, K::Value, {"60s"}},
+        {{c, "rekey_time"}, K::Value, {"77760s"}},
+        {{c, "over_time"}, K::Value, {"8640s"}},
+        {{c, "local", "auth"}, K::Value, {"eap-mschapv2"}},
+        {{c, "local", "id"}, K::Value, {"alice"}},
+        {{c, "local", "eap_id"}, K::Value, {"alice"}},
+        {{c, "remote", "auth"}, K::Value, {"pubkey"}},
+        {{c, "remote", "id"}, K::Value, {"server.example.net"}},
+        {{c, "remote", "revocation"}, K::Value, {"ifuri"}},
+        {{c, "children", "orvane", "remote_ts"}, K::List, {"0.0.0.0/0"}},
+        {{c, "children", "orvane", "esp_proposals"}, K::List, {"aes256-sha256-modp2048"}},
+        {{c, "children", "orvane", "rekey_time"}, K::Value, {"77760s"}},
+        {{c, "children", "orvane", "life_time"}, K::Value, {"86400s"}},
+    };
+    for (const auto& e : expected) {
+        const ViciEntry* entry = find(message, e.path);
+        ASSERT_NE(entry, nullptr) << joined(e.path);
+        EXPECT_EQ(entry->kind, e.kind) << joined(e.path);
+        if (e.kind == K::Value) {
+            EXPECT_EQ(entry->value, e.content.front()) << joined(e.path);
+        } else {
+            EXPECT_EQ(entry->items, e.content) << joined(e.path);
+        }
+    }
+    // Nothing else: one connection, and no key beyond the expected ones.
+    ASSERT_EQ(message.entries().size(), 1u);
+    const ViciSection& conn = *message.section(c);
+    EXPECT_EQ(conn.entries().size(), 10u);  // 7 keys + local, remote, children
+    EXPECT_EQ(conn.section("local")->entries().size(), 3u);
+    EXPECT_EQ(conn.section("remote")->entries().size(), 3u);
+    EXPECT_EQ(conn.section("children")->section("orvane")->entries().size(), 4u);
+    // The sections come in the order charon reads auth rounds.
+    EXPECT_EQ(conn.entries()[7].name, "local");
+    EXPECT_EQ(conn.entries()[8].name, "remote");
+    EXPECT_EQ(conn.entries()[9].name, "children");
+}
+
+TEST(ViciProfileTest, OptionalSettingsChangeOnlyTheirKeys) {
+    auto p = toolProfile();
+    p.enablePFS = false;
+    p.enableRevocationCheck = false;
+    p.deadPeerDetectionRate = platform::NEVPNIKEv2DeadPeerDetectionRateNone;
+    p.localIdentifier = "client.example.net";
+    p.IKESecurityAssociationParameters.lifetimeMinutes = 0;
+    p.childSecurityAssociationParameters.lifetimeMinutes = 0;
+    ViciSection message;
+    std::string error;
+    ASSERT_TRUE(ss::buildLoadConn(p, message, error)) << error;
+    const ViciSection& conn = *message.section("Orvane IKEv2");
+    EXPECT_EQ(*conn.section("children")->section("orvane")->list("esp_proposals"),
+              std::vector<std::string>{"aes256-sha256"});
+    EXPECT_EQ(conn.section("remote")->value("revocation"), nullptr);
+    EXPECT_EQ(conn.get("dpd_delay"), "0s");
+    EXPECT_EQ(conn.section("local")->get("id"), "client.example.net");
+    EXPECT_EQ(conn.section("local")->get("eap_id"), "alice");
+    EXPECT_EQ(conn.value("rekey_time"), nullptr);
+    EXPECT_EQ(conn.section("children")->section("orvane")->value("life_time"), nullptr);
+}
+
+TEST(ViciProfileTest, DeadPeerDetectionRates) {
+    EXPECT_EQ(ss::viciDpdDelay(platform::NEVPNIKEv2DeadPeerDetectionRateHigh), "60s");
+    EXPECT_EQ(ss::viciDpdDelay(platform::NEVPNIKEv2DeadPeerDetectionRateMedium), "600s");
+    EXPECT_EQ(ss::viciDpdDelay(platform::NEVPNIKEv2DeadPeerDetectionRateLow), "1800s");
+    EXPECT_EQ(ss::viciDpdDelay(platform::NEVPNIKEv2DeadPeerDetectionRateNone), "0s");
+}
+
+struct ProposalCase {
+    platform::NEVPNIKEv2EncryptionAlgorithm encryption;
+    platform::NEVPNIKEv2IntegrityAlgorithm integrity;
+    platform::NEVPNIKEv2DiffieHellmanGroup group;
+    const char* ike;
+    const char* espWithPfs;
+    const char* espWithoutPfs;
+};
+
+TEST(ViciProfileTest, ProposalsForEveryAlgorithm) {
+    using namespace platform;
+    std::vector<ProposalCase> cases = {
+        {NEVPNIKEv2EncryptionAlgorithmDES, NEVPNIKEv2IntegrityAlgorithmSHA96,
+         NEVPNIKEv2DiffieHellmanGroup1, "des-sha1-modp768", "des-sha1-modp768", "des-sha1"},
+        {NEVPNIKEv2EncryptionAlgorithm3DES, NEVPNIKEv2IntegrityAlgorithmSHA160,
+         NEVPNIKEv2DiffieHellmanGroup2, "3des-sha1_160-modp1024", "3des-sha1_160-modp1024",
+         "3des-sha1_160"},
+        {NEVPNIKEv2EncryptionAlgorithmAES128, NEVPNIKEv2IntegrityAlgorithmSHA256,
+         NEVPNIKEv2DiffieHellmanGroup5, "aes128-sha256-modp1536", "aes128-sha256-modp1536",
+         "aes128-sha256"},
+        {NEVPNIKEv2EncryptionAlgorithmAES256, NEVPNIKEv2IntegrityAlgorithmSHA384,
+         NEVPNIKEv2DiffieHellmanGroup15, "aes256-sha384-modp3072", "aes256-sha384-modp3072",
+         "aes256-sha384"},
+        {NEVPNIKEv2EncryptionAlgorithmAES256, NEVPNIKEv2IntegrityAlgorithmSHA512,
+         NEVPNIKEv2DiffieHellmanGroup16, "aes256-sha512-modp4096", "aes256-sha512-modp4096",
+         "aes256-sha512"},
+        {NEVPNIKEv2EncryptionAlgorithmAES256, NEVPNIKEv2IntegrityAlgorithmSHA256,
+         NEVPNIKEv2DiffieHellmanGroup17, "aes256-sha256-modp6144", "aes256-sha256-modp6144",
+         "aes256-sha256"},
+        {NEVPNIKEv2EncryptionAlgorithmAES256, NEVPNIKEv2IntegrityAlgorithmSHA256,
+         NEVPNIKEv2DiffieHellmanGroup18, "aes256-sha256-modp8192", "aes256-sha256-modp8192",
+         "aes256-sha256"},
+        {NEVPNIKEv2EncryptionAlgorithmAES128GCM, NEVPNIKEv2IntegrityAlgorithmSHA256,
+         NEVPNIKEv2DiffieHellmanGroup19, "aes128gcm16-prfsha256-ecp256", "aes128gcm16-ecp256",
+         "aes128gcm16"},
+        {NEVPNIKEv2EncryptionAlgorithmAES256GCM, NEVPNIKEv2IntegrityAlgorithmSHA384,
+         NEVPNIKEv2DiffieHellmanGroup20, "aes256gcm16-prfsha384-ecp384", "aes256gcm16-ecp384",
+         "aes256gcm16"},
+        {NEVPNIKEv2EncryptionAlgorithmChaCha20Poly1305, NEVPNIKEv2IntegrityAlgorithmSHA512,
+         NEVPNIKEv2DiffieHellmanGroup21, "chacha20poly1305-prfsha512-ecp521",
+         "chacha20poly1305-ecp521", "chacha20poly1305"},
+        {NEVPNIKEv2EncryptionAlgorithmAES256, NEVPNIKEv2IntegrityAlgorithmSHA256,
+         NEVPNIKEv2DiffieHellmanGroup31, "aes256-sha256-curve25519", "aes256-sha256-curve25519",
+         "aes256-sha256"},
+        {NEVPNIKEv2EncryptionAlgorithmAES256, NEVPNIKEv2IntegrityAlgorithmSHA256,
+         NEVPNIKEv2DiffieHellmanGroup32, "aes256-sha256-curve448", "aes256-sha256-curve448",
+         "aes256-sha256"},
+        {NEVPNIKEv2EncryptionAlgorithmAES256, NEVPNIKEv2IntegrityAlgorithmSHA256,
+         NEVPNIKEv2DiffieHellmanGroupInvalid, "aes256-sha256", "aes256-sha256", "aes256-sha256"},
+    };
+    for (const auto& c : cases) {
+        NEVPNIKEv2SecurityAssociationParameters sa;
+        sa.encryptionAlgorithm = c.encryption;
+        sa.integrityAlgorithm = c.integrity;
+        sa.diffieHellmanGroup = c.group;
+        std::string out;
+        std::string error;
+        ASSERT_TRUE(ss::ikeProposal(sa, out, error)) << c.ike << error;
+        EXPECT_EQ(out, c.ike);
+        ASSERT_TRUE(ss::espProposal(sa, true, out, error));
+        EXPECT_EQ(out, c.espWithPfs);
+        ASSERT_TRUE(ss::espProposal(sa, false, out, error));
+        EXPECT_EQ(out, c.espWithoutPfs);
+    }
+}
+
+TEST(ViciProfileTest, RefusesWhatCharonCouldNotUse) {
+    std::string error;
+    ViciSection message;
+    auto p = toolProfile();
+    p.serverAddress.reset();
+    EXPECT_FALSE(ss::buildLoadConn(p, message, error));
+    EXPECT_NE(error.find("server"), std::string::npos);
+
+    p = toolProfile();
+    p.IKESecurityAssociationParameters.encryptionAlgorithm =
+        static_cast<platform::NEVPNIKEv2EncryptionAlgorithm>(42);
+    EXPECT_FALSE(ss::buildLoadConn(p, message, error));
+    EXPECT_NE(error.find("42"), std::string::npos);
+
+    p = toolProfile();
+    p.childSecurityAssociationParameters.diffieHellmanGroup =
+        static_cast<platform::NEVPNIKEv2DiffieHellmanGroup>(3);
+    EXPECT_FALSE(ss::buildLoadConn(p, message, error));
+
+    p = toolProfile();
+    p.username.reset();
+    EXPECT_FALSE(ss::buildLoadConn(p, message, error));
+}
+
+TEST(ViciProfileTest, ControlMessages) {
+    ViciSection shared;
+    ss::buildLoadShared("alice", "s3cret pass", shared);
+    EXPECT_EQ(shared.get("id"), "orvane-ikev2-eap");
+    EXPECT_EQ(shared.get("type"), "EAP");
+    EXPECT_EQ(shared.get("data"), "s3cret pass");
+    ASSERT_NE(shared.list("owners"), nullptr);
+    EXPECT_EQ(*shared.list("owners"), std::vector<std::string>{"alice"});
+
+    ViciSection initiate = ss::buildInitiate();
+    EXPECT_EQ(initiate.get("child"), "orvane");
+    EXPECT_EQ(initiate.get("ike"), "Orvane IKEv2");
+    EXPECT_EQ(initiate.get("timeout"), "-1");
+
+    ViciSection terminate = ss::buildTerminate();
+    EXPECT_EQ(terminate.get("ike"), "Orvane IKEv2");
+    EXPECT_EQ(terminate.get("force"), "yes");
+    EXPECT_EQ(terminate.get("timeout"), "-1");
+
+    EXPECT_EQ(ss::buildUnloadShared().get("id"), "orvane-ikev2-eap");
+    EXPECT_EQ(ss::buildUnloadConn().get("name"), "Orvane IKEv2");
+}
+
+}  // namespace
