@@ -242,10 +242,10 @@ private:
     std::optional<std::string> parseQuoted(char quote) {
         ++pos_;
         std::string out;
-        std::optional<char16_t> pendingHigh;  // a \U high surrogate awaiting its pair
+        char16_t pendingHigh = 0;  // a \U high surrogate awaiting its pair; 0 for none
         auto flushPending = [&] {
-            if (pendingHigh) appendUTF8(out, 0xFFFD);
-            pendingHigh.reset();
+            if (pendingHigh != 0) appendUTF8(out, 0xFFFD);
+            pendingHigh = 0;
         };
         for (;;) {
             if (atEnd()) {
@@ -270,10 +270,10 @@ private:
                     unit = static_cast<char16_t>(unit * 16 + hexDigitValue(peek()));
                     ++pos_;
                 }
-                if (unit >= 0xDC00 && unit <= 0xDFFF && pendingHigh) {
-                    appendUTF8(out, 0x10000 + ((static_cast<char32_t>(*pendingHigh) - 0xD800) << 10) +
+                if (unit >= 0xDC00 && unit <= 0xDFFF && pendingHigh != 0) {
+                    appendUTF8(out, 0x10000 + ((static_cast<char32_t>(pendingHigh) - 0xD800) << 10) +
                                         (unit - 0xDC00));
-                    pendingHigh.reset();
+                    pendingHigh = 0;
                 } else if (unit >= 0xD800 && unit <= 0xDBFF) {
                     flushPending();
                     pendingHigh = unit;
