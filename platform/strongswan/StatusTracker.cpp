@@ -1,0 +1,138 @@
+#include "platform/strongswan/StatusTracker.h"
+
+namespace platform::strongswan {
+
+StatusTracker::StatusTracker(std::string connection, std::string child)
+    : connection_(std::move(connection)), child_(std::move(child)) {}
+
+bool StatusTracker::active() const {
+    return status_ == NEVPNStatusConnecting || status_ == NEVPNStatusConnected ||
+           status_ == NEVPNStatusReasserting || status_ == NEVPNStatusDisconnecting;
+}
+
+bool StatusTracker::moveTo(NEVPNStatus status) {
+    if (status_ == status) {
+        return false;
+    }
+    status_ = status;
+    return true;
+}
+
+bool StatusTracker::end() {
+    if (!active()) {
+        return false;
+    }
+    ikeId_.clear();
+    return moveTo(NEVPNStatusDisconnected);
+}
+
+bool StatusTracker::startRequested() {
+    ikeId_.clear();
+    localVips_.clear();
+    return moveTo(NEVPNStatusConnecting);
+}
+
+bool StatusTracker::stopRequested() {
+    if (!active()) {
+        return false;
+    }
+    return moveTo(NEVPNStatusDisconnecting);
+}
+
+bool StatusTracker::startFailed() {
+    return end();
+}
+
+bool StatusTracker::tunnelGone() {
+    return end();
+}
+
+const ViciSection* StatusTracker::ours(const ViciSection& event) const {
+    return event.section(connection_);
+}
+
+const ViciSection* StatusTracker::ourChild(const ViciSection& sa) const {
+    const ViciSection* children = sa.section("child-sas");
+    if (children == nullptr) {
+        return nullptr;
+    }
+    for (const auto& entry : children->entries()) {
+        if (entry.kind != ViciEntry::Kind::Section) {
+            continue;
+        }
+        // Keys are "<name>-<uniqueid>"; the name itself is inside.
+        const std::string* name = entry.section.value("name");
+        if ((name != nullptr && *name == child_) || entry.name == child_) {
+            return &entry.section;
+        }
+    }
+    return nullptr;
+}
+
+// An event about an IKE_SA of our connection other than the one carrying
+// the tunnel (for instance the old SA of a rekeying).
+bool StatusTracker::tracksOther(const ViciSection& sa) const {
+    const std::string* id = sa.value("uniqueid");
+    return !ikeId_.empty() && id != nullptr && *id != ikeId_;
+}
+
+bool StatusTracker::onEvent(const std::string& name, const ViciSection& event) {
+    const ViciSection* sa = ours(event);
+    if (sa == nullptr || !active()) {
+        return false;
+    }
+    bool up = event.get("up") == "yes";
+    if (name == "ike-updown") {
+        if (up) {
+            if (ikeId_.empty()) {
+                ikeId_ = sa->get("uniqueid");
+            }
+            if (const auto* vips = sa->list("local-vips")) {
+                localVips_ = *vips;
+            }
+            return false;
+        }
+        if (tracksOther(*sa) || sa->get("state") == "REKEYED") {
+            return false;
+        }
+        return end();
+    }
+    if (name == "child-updown") {
+        const ViciSection* child = ourChild(*sa);
+        if (child == nullptr || tracksOther(*sa)) {
+            return false;
+        }
+        if (up) {
+            ikeId_ = sa->get("uniqueid");
+            if (const auto* vips = sa->list("local-vips")) {
+                localVips_ = *vips;
+            }
+            if (status_ == NEVPNStatusConnecting || status_ == NEVPNStatusReasserting) {
+                return moveTo(NEVPNStatusConnected);
+            }
+            return false;
+        }
+        if (child->get("state") == "REKEYED") {
+            return false;
+        }
+        return end();
+    }
+    if (name == "ike-rekey") {
+        const ViciSection* old = sa->section("old");
+        const ViciSection* fresh = sa->section("new");
+        if (old != nullptr && fresh != nullptr && old->get("uniqueid") == ikeId_) {
+            ikeId_ = fresh->get("uniqueid");
+        }
+        return false;
+    }
+    if (name == "ike-update") {
+        // The endpoints moved under an established tunnel.
+        if (status_ == NEVPNStatusConnected && !tracksOther(*sa)) {
+            return moveTo(NEVPNStatusReasserting);
+        }
+        return false;
+    }
+    return false;
+}
+
+}  // namespace platform::strongswan
