@@ -115,7 +115,7 @@ public:
     // Mutable dictionaries only; a nil value removes the key.
     void setObjectForKey(Value value, const std::string& key);
     void removeObjectForKey(const std::string& key);
-    void removeAllObjects();
+    void removeAllObjects();  // also empties a mutable array
 
     const std::vector<std::uint8_t>& bytes() const;  // data only
     double secondsSince1970() const;                 // date only

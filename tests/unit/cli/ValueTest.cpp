@@ -88,6 +88,24 @@ TEST(ValueStringNumbers, ConvertByTheTable) {
     }
 }
 
+TEST(ValueStringNumbers, SkipOnlyTheBlankWhitespaceSet) {
+    const char* blanks[] = {" ",      "\t",     "\u00a0", "\u1680", "\u2000",
+                            "\u200b", "\u202f", "\u205f", "\u3000"};
+    for (const char* blank : blanks) {
+        const std::string text = std::string(blank) + "5";
+        EXPECT_EQ(Value(text).integerValue(), 5) << text;
+        EXPECT_EQ(Value(text).doubleValue(), 5.0) << text;
+        EXPECT_TRUE(Value(text).boolValue()) << text;
+    }
+    const char* newlines[] = {"\n", "\r", "\v", "\f", "\u0085", "\u2028", "\u2029", "\u200c"};
+    for (const char* stop : newlines) {
+        const std::string text = std::string(stop) + "5";
+        EXPECT_EQ(Value(text).integerValue(), 0) << text;
+        EXPECT_EQ(Value(text).doubleValue(), 0.0) << text;
+        EXPECT_FALSE(Value(text).boolValue()) << text;
+    }
+}
+
 TEST(ValueStringNumbers, OverflowingDoubleIsInfinite) {
     EXPECT_EQ(Value("1e400").doubleValue(), std::numeric_limits<double>::infinity());
     EXPECT_EQ(Value("-1e400").doubleValue(), -std::numeric_limits<double>::infinity());
@@ -214,6 +232,10 @@ TEST(ValueCollections, MutationIsSeenThroughEveryReference) {
     array.addObjectsFromArray(array);
     EXPECT_EQ(array.count(), 4u);
     EXPECT_TRUE(array.objectAtIndex(9).isNil());
+    alias.removeAllObjects();
+    EXPECT_EQ(array.count(), 0u);
+    array.addObject(Value());
+    EXPECT_EQ(array.count(), 0u);  // nil is never stored
 
     Value dict = Value::mutableDictionary();
     Value dictAlias = dict;
