@@ -8,13 +8,14 @@
 #   initiator namespace ovi-ID                 responder namespace ovr-ID
 #   charon (initiator), private /run and        charon (responder), private /run
 #   /var/lib; swanctl or orvane-ikev2 run       swanctl.conf: connections "srv",
-#   here via nsenter -t <charon pid> -m -n      "rogue" and "echo"
+#   here via nsenter -t <charon pid> -m -n      "rogue", "echo" and "noprop"
 #
 #   ipsec0 (TUN, kernel-libipsec)               ipsec0 (TUN, kernel-libipsec)
 #     virtual IP from 198.51.100.10-99            lo 198.51.100.1/32 (ping target)
 #   veth oviID 192.0.2.1/24  <--------------->  veth ovrID 192.0.2.2/24 (srv)
 #                                                          192.0.2.3/24 (rogue)
 #                                                          192.0.2.4/24 (echo)
+#                                                          192.0.2.5/24 (noprop)
 #
 #   srv   192.0.2.2: vpn.orvane.test, certificate from the trusted lab CA;
 #         a client asking for another server identity gets AUTH_FAILED.
@@ -22,6 +23,8 @@
 #   echo  192.0.2.4: the lab CA's vpn.orvane.test certificate, but answers
 #         with whatever server identity the client asked for, so the client
 #         itself finds that the identity is not in the certificate.
+#   noprop 192.0.2.5: like srv, but accepts only aes128-sha256-modp3072 for
+#         IKE, so the client's proposal is refused (NO_PROPOSAL_CHOSEN).
 #   EAP-MSCHAPv2 user: $LAB_USER / $LAB_PASSWORD (random per run).
 #   The initiator trusts only the lab CA and gives up after ~4.4 s
 #   (retransmit_tries 2, timeout 1.0, base 1.4).
@@ -37,12 +40,14 @@ LAB_LINK_INIT=192.0.2.1
 LAB_LINK_RESP=192.0.2.2
 LAB_LINK_ROGUE=192.0.2.3
 LAB_LINK_ECHO=192.0.2.4
+LAB_LINK_NOPROP=192.0.2.5
 LAB_POOL_TARGET=198.51.100.1
 LAB_POOL_RANGE=198.51.100.10-198.51.100.99
 LAB_SERVER_NAME=vpn.orvane.test
 LAB_RESP_CONN=srv
 LAB_ROGUE_CONN=rogue
 LAB_ECHO_CONN=echo
+LAB_NOPROP_CONN=noprop
 
 LAB_PIDS=()          # every long-running process started here, killed on exit
 LAB_INIT_PID=
@@ -182,7 +187,8 @@ lab_cleanup() {
   local rc=$? pid
   [ "$LAB_CLEANED" = 1 ] && return
   LAB_CLEANED=1
-  trap - EXIT TERM INT HUP
+  trap - EXIT
+  trap '' TERM INT HUP
   if [ "$rc" -ne 0 ] && [ "$rc" -ne 77 ] && [ -n "${LAB_DIR:-}" ]; then
     lab_dump_logs
   fi
@@ -225,8 +231,11 @@ lab_make_pki() {
   run pki --gen --type ecdsa --size 256 --outform pem >"$d/rogue-ca.key"
   run pki --self --ca --lifetime 30 --in "$d/rogue-ca.key" --type ecdsa \
     --dn "C=ZZ, O=Rogue, CN=Rogue CA $LAB_ID" --outform pem >"$d/rogue-ca.pem"
+  # its own key: charon caches peer certificates, and a rogue certificate
+  # with the genuine key would pass once the genuine one had been seen
+  run pki --gen --type rsa --size 2048 --outform pem >"$d/rogue.key"
   run pki --issue --lifetime 30 --cacert "$d/rogue-ca.pem" --cakey "$d/rogue-ca.key" \
-    --type priv --in "$d/server.key" --dn "C=ZZ, O=Rogue, CN=$LAB_SERVER_NAME" \
+    --type priv --in "$d/rogue.key" --dn "C=ZZ, O=Rogue, CN=$LAB_SERVER_NAME" \
     --san "$LAB_SERVER_NAME" --san "$LAB_LINK_ROGUE" --flag serverAuth --flag ikeIntermediate \
     --outform pem >"$d/rogue.pem"
   local rc=$?
@@ -282,14 +291,16 @@ EOF
 
 # One responder connection: NAME bound to ADDRESS, authenticating with CERT
 # under identity ID (%any: answer with whatever identity the client asked
-# for), clients by EAP-MSCHAPv2, virtual IPs from the pool.
+# for), clients by EAP-MSCHAPv2, virtual IPs from the pool; IKE proposals
+# PROPOSALS (default: the tool's aes256-sha256-modp2048 and one more).
 lab_resp_conn() {
+  local proposals=${5:-aes256-sha256-modp2048, aes128-sha256-modp2048}
   cat <<EOF
   $1 {
     version = 2
     local_addrs = $2
     pools = lab-pool
-    proposals = aes256-sha256-modp2048, aes128-sha256-modp2048
+    proposals = $proposals
     send_certreq = no
     local {
       auth = pubkey
@@ -316,7 +327,7 @@ lab_write_configs() {
   eval mkdir -p "$r"/{$sub} "$i"/{$sub}
   chmod 700 "$r/private" "$i/private"
   cp "$d/server.pem" "$d/rogue.pem" "$r/x509/"
-  cp "$d/server.key" "$r/private/server.key"
+  cp "$d/server.key" "$d/rogue.key" "$r/private/"
   cp "$d/ca.pem" "$i/x509ca/lab-ca.pem"
 
   lab_write_strongswan_conf resp "  # a lost client is noticed quickly
@@ -330,6 +341,7 @@ lab_write_configs() {
     lab_resp_conn "$LAB_RESP_CONN" "$LAB_LINK_RESP" server.pem "$LAB_SERVER_NAME"
     lab_resp_conn "$LAB_ROGUE_CONN" "$LAB_LINK_ROGUE" rogue.pem "$LAB_SERVER_NAME"
     lab_resp_conn "$LAB_ECHO_CONN" "$LAB_LINK_ECHO" server.pem %any
+    lab_resp_conn "$LAB_NOPROP_CONN" "$LAB_LINK_NOPROP" server.pem "$LAB_SERVER_NAME" aes128-sha256-modp3072
     cat <<EOF
 }
 pools {
@@ -361,6 +373,7 @@ lab_make_netns() {
   run ip -n "$LAB_NS_RESP" addr add "$LAB_LINK_RESP/24" dev "$LAB_VETH_RESP"
   run ip -n "$LAB_NS_RESP" addr add "$LAB_LINK_ROGUE/24" dev "$LAB_VETH_RESP"
   run ip -n "$LAB_NS_RESP" addr add "$LAB_LINK_ECHO/24" dev "$LAB_VETH_RESP"
+  run ip -n "$LAB_NS_RESP" addr add "$LAB_LINK_NOPROP/24" dev "$LAB_VETH_RESP"
   run ip -n "$LAB_NS_RESP" addr add "$LAB_POOL_TARGET/32" dev lo
   run ip -n "$LAB_NS_INIT" link set lo up
   run ip -n "$LAB_NS_RESP" link set lo up
@@ -463,7 +476,7 @@ lab_resp_no_sa() { [ "$(lab_resp_sa_count)" = 0 ]; }
 # Drop every IKE SA the responder holds (half-open ones included).
 lab_resp_flush_sas() {
   local c
-  for c in "$LAB_RESP_CONN" "$LAB_ROGUE_CONN" "$LAB_ECHO_CONN"; do
+  for c in "$LAB_RESP_CONN" "$LAB_ROGUE_CONN" "$LAB_ECHO_CONN" "$LAB_NOPROP_CONN"; do
     in_resp swanctl --terminate --ike "$c" --force --timeout 2 >/dev/null 2>&1
   done
   wait_until 5 lab_resp_no_sa

@@ -127,7 +127,8 @@ class Session:
 
 
 def list_sas(session, conn=None):
-    msg = {"noblock": "yes"}
+    # no "noblock": an IKE_SA busy in an exchange must still be counted
+    msg = {}
     if conn:
         msg["ike"] = conn
     _, events = session.request("list-sas", msg, stream="list-sa")
