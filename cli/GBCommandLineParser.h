@@ -40,7 +40,8 @@ enum GBParseFlags : std::uint64_t {
 };
 
 // The parse callback: (event, option name or none, value or nil, stop flag).
-// Setting *stop ends the parse with the result false (see parse below).
+// Setting *stop ends the parse with the result false as soon as the parser
+// looks at it, which it does after every event but a group selection.
 using GBParseBlock = std::function<void(
     GBParseFlags flags, const std::optional<std::string>& option, const Value& value, bool* stop)>;
 
