@@ -1,0 +1,38 @@
+// The process-wide entry points of the strongSwan backend: one manager on
+// the main run loop, with charon's default socket and the default
+// preferences file, notifying the status observers.
+
+#include "platform/NEVPN.h"
+#include "platform/RunLoop.h"
+#include "platform/strongswan/StrongSwanManager.h"
+
+namespace platform {
+
+namespace {
+
+strongswan::StrongSwanManager& shared() {
+    // Never destroyed: the process may exit from inside a run-loop handler,
+    // and the manager's sockets live on that loop.
+    static auto* manager = [] {
+        strongswan::StrongSwanOptions options;
+        options.statusChanged = [] { postStatusDidChange(); };
+        return new strongswan::StrongSwanManager(RunLoop::main().context(), std::move(options));
+    }();
+    return *manager;
+}
+
+}  // namespace
+
+NEVPNManager& NEVPNManager::sharedManager() {
+    return shared();
+}
+
+std::string fetchLastDisconnectError(std::optional<SystemClock::time_point> since) {
+    return shared().lastDisconnectError(since);
+}
+
+std::optional<std::vector<NetworkService>> copyAllNetworkServices() {
+    return shared().networkServices();
+}
+
+}  // namespace platform

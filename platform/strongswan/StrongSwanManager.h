@@ -1,0 +1,135 @@
+#pragma once
+
+// The strongSwan backend of the adapter: the profile lives in a property
+// list file and, while charon runs, as the VICI connection "Orvane IKEv2";
+// the tunnel is started, followed and stopped over charon's VICI socket.
+//
+// Two VICI connections serve the tunnel: one that only receives events
+// (ike-updown, child-updown, ike-rekey, ike-update, log) and one for
+// commands. Calls that must be done before they return (stop, save,
+// remove, the service list) use a short-lived blocking connection of their
+// own with bounded waits.
+
+#include "platform/NEVPN.h"
+#include "platform/strongswan/DisconnectLog.h"
+#include "platform/strongswan/ProfileStore.h"
+#include "platform/strongswan/StatusTracker.h"
+#include "platform/strongswan/ViciClient.h"
+
+#include <asio/io_context.hpp>
+#include <asio/steady_timer.hpp>
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace platform::strongswan {
+
+struct StrongSwanOptions {
+    std::string socketPath = kViciDefaultSocket;
+    std::string preferencesPath = kDefaultPreferencesPath;
+    // Called (on the io_context) after every status change.
+    std::function<void()> statusChanged;
+    // How often charon is asked whether the tunnel's IKE_SA still exists.
+    std::chrono::milliseconds pollInterval{1000};
+    // The check that follows a log line announcing a silent end.
+    std::chrono::milliseconds silentEndCheck{100};
+    // Waiting for log lines that trail the down event.
+    std::chrono::milliseconds lateLogLimit{300};
+    std::chrono::milliseconds lateLogQuiet{50};
+    // Each blocking exchange of the stop path.
+    std::chrono::milliseconds stopTimeout{500};
+    // Blocking exchanges of save, remove and the service list.
+    std::chrono::milliseconds configTimeout{3000};
+    // initiate blocks charon's worker while it resolves the server name.
+    std::chrono::milliseconds initiateTimeout{30000};
+};
+
+class StrongSwanManager;
+
+class StrongSwanConnection final : public NEVPNConnection {
+public:
+    StrongSwanConnection(StrongSwanManager& manager, asio::io_context& context,
+                         const StrongSwanOptions& options);
+    ~StrongSwanConnection() override;
+
+    NEVPNStatus status() const override { return tracker_.status(); }
+    OptionalError startVPNTunnel(const NEVPNStartOptions& options) override;
+    void stopVPNTunnel() override;
+
+    // The reason of the last disconnect since `since`, after giving late
+    // log lines a short bounded time to arrive.
+    std::string lastDisconnectError(std::optional<SystemClock::time_point> since);
+    const std::vector<std::string>& localVips() const { return tracker_.localVips(); }
+
+private:
+    bool openEvents(std::string& error);
+    bool openCommands(std::string& error);
+    void onEvent(const std::string& name, const ViciSection& event);
+    void onCommandEvent(const std::string& name, const ViciSection& event);
+    void onEventsClosed(const std::string& reason);
+    void prerequisiteDone(std::uint64_t generation, bool ok, const std::string& what,
+                          const ViciReply& reply);
+    void sendInitiate(std::uint64_t generation);
+    void changed(bool didChange);
+    void tunnelEnded();
+    void schedulePoll(std::chrono::milliseconds delay);
+    void poll();
+
+    StrongSwanManager& manager_;
+    asio::io_context& context_;
+    const StrongSwanOptions& options_;
+    std::shared_ptr<ViciClient> events_;
+    std::shared_ptr<ViciClient> commands_;
+    bool listSaRegistered_ = false;
+    StatusTracker tracker_;
+    DisconnectLog log_;
+    asio::steady_timer pollTimer_;
+    bool pollScheduled_ = false;
+    bool pollInFlight_ = false;
+    bool pollSawTunnel_ = false;
+    std::vector<std::string> pollVips_;
+    bool initiated_ = false;
+    bool started_ = false;
+    int pendingPrerequisites_ = 0;
+    std::uint64_t generation_ = 0;
+    std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
+};
+
+class StrongSwanManager final : public NEVPNManager {
+public:
+    StrongSwanManager(asio::io_context& context, StrongSwanOptions options = {});
+    ~StrongSwanManager() override;
+
+    void loadFromPreferences(CompletionHandler handler) override;
+    void saveToPreferences(CompletionHandler handler) override;
+    void removeFromPreferences(CompletionHandler handler) override;
+    NEVPNConnection* connection() override { return connection_.get(); }
+
+    // Backs platform::fetchLastDisconnectError.
+    std::string lastDisconnectError(std::optional<SystemClock::time_point> since);
+    // Backs platform::copyAllNetworkServices: the connections charon has
+    // loaded; the tool's own carries the interface of its virtual IP
+    // ("ipsec0" when none is found). None when charon cannot be reached.
+    std::optional<std::vector<NetworkService>> networkServices();
+
+    const StrongSwanOptions& options() const { return options_; }
+    // Whether charon has the connection from this process's save or start.
+    bool connectionLoaded() const { return connectionLoaded_; }
+    void setConnectionLoaded(bool loaded) { connectionLoaded_ = loaded; }
+
+private:
+    friend class StrongSwanConnection;
+    void complete(CompletionHandler handler, OptionalError error);
+
+    asio::io_context& context_;
+    StrongSwanOptions options_;
+    ProfileStore store_;
+    bool connectionLoaded_ = false;
+    std::unique_ptr<StrongSwanConnection> connection_;
+};
+
+}  // namespace platform::strongswan

@@ -1,0 +1,553 @@
+#include "platform/strongswan/StrongSwanManager.h"
+
+#include "platform/strongswan/InterfaceLookup.h"
+#include "platform/strongswan/ViciProfile.h"
+#include "tests/unit/strongswan/FakeCharon.h"
+#include "tests/unit/strongswan/LogCapture.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+namespace ss = platform::strongswan;
+namespace fs = std::filesystem;
+using fakecharon::FakeCharon;
+using fakecharon::Link;
+using fakecharon::logLine;
+using fakecharon::updown;
+using platform::NEVPNStatus;
+using ss::ViciEntry;
+using ss::ViciPacketType;
+using ss::ViciSection;
+
+namespace {
+
+using namespace std::chrono_literals;
+
+const std::string kConn = "Orvane IKEv2";
+const std::string kPassword = "Pa55 w0rd!x";
+
+platform::NEVPNProtocolIKEv2 toolProfile() {
+    platform::NEVPNProtocolIKEv2 p;
+    p.username = "alice";
+    p.serverAddress = "vpn.example.net";
+    p.remoteIdentifier = "vpn.example.net";
+    p.authenticationMethod = platform::NEVPNIKEAuthenticationMethodCertificate;
+    p.useExtendedAuthentication = true;
+    p.enableRevocationCheck = true;
+    p.enablePFS = true;
+    p.disconnectOnSleep = true;
+    p.deadPeerDetectionRate = platform::NEVPNIKEv2DeadPeerDetectionRateHigh;
+    p.IKESecurityAssociationParameters = {platform::NEVPNIKEv2EncryptionAlgorithmAES256,
+                                          platform::NEVPNIKEv2IntegrityAlgorithmSHA256,
+                                          platform::NEVPNIKEv2DiffieHellmanGroup14, 1440};
+    p.childSecurityAssociationParameters = p.IKESecurityAssociationParameters;
+    return p;
+}
+
+std::string readFile(const fs::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+ViciSection success(bool ok = true, const std::string& errmsg = {}) {
+    ViciSection s;
+    s.add("success", ok ? "yes" : "no");
+    if (!errmsg.empty()) {
+        s.add("errmsg", errmsg);
+    }
+    return s;
+}
+
+// What the scripted charon holds.
+struct CharonState {
+    std::mutex mutex;
+    bool saPresent = false;
+    std::vector<std::string> vips;
+    std::vector<std::string> conns{"Orvane IKEv2"};
+    ViciSection loadConnAnswer = success();
+    ViciSection initiateAnswer = success();
+};
+
+class StrongSwanManagerTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        logcapture::clear();
+        char pattern[] = "/tmp/ssmanager.XXXXXX";
+        ASSERT_NE(::mkdtemp(pattern), nullptr);
+        root = pattern;
+        prefs = root / "orvane-ikev2" / "preferences.plist";
+        scriptCharon();
+    }
+    void TearDown() override {
+        manager.reset();
+        fs::remove_all(root);
+    }
+
+    void scriptCharon() {
+        server.on("load-conn", [this](Link& link, const ViciSection&) {
+            std::lock_guard lock(state.mutex);
+            link.respond(state.loadConnAnswer);
+        });
+        server.succeed("load-shared");
+        server.succeed("unload-shared");
+        server.on("unload-conn", [](Link& link, const ViciSection&) {
+            link.respond(success(false, "unload: connection 'Orvane IKEv2' not found"));
+        });
+        server.on("initiate", [this](Link& link, const ViciSection&) {
+            std::lock_guard lock(state.mutex);
+            if (state.initiateAnswer.get("success") == "yes") {
+                state.saPresent = true;
+            }
+            link.respond(state.initiateAnswer);
+        });
+        server.on("terminate", [this](Link& link, const ViciSection&) {
+            std::lock_guard lock(state.mutex);
+            state.saPresent = false;
+            link.respond(success());
+        });
+        server.on("list-sas", [this](Link& link, const ViciSection& request) {
+            std::lock_guard lock(state.mutex);
+            if (state.saPresent && link.registered("list-sa") && request.get("ike") == kConn) {
+                ViciSection sa;
+                sa.addSection(kConn) = fakecharon::ikeSa("ESTABLISHED", state.vips);
+                link.event("list-sa", sa);
+            }
+            link.respond({});
+        });
+        server.on("list-conns", [this](Link& link, const ViciSection&) {
+            std::lock_guard lock(state.mutex);
+            for (const auto& name : state.conns) {
+                if (link.registered("list-conn")) {
+                    ViciSection conn;
+                    conn.addSection(name).add("version", "IKEv2");
+                    link.event("list-conn", conn);
+                }
+            }
+            link.respond({});
+        });
+    }
+
+    ss::StrongSwanManager& make() {
+        ss::StrongSwanOptions options;
+        options.socketPath = server.path();
+        options.preferencesPath = prefs;
+        options.pollInterval = 50ms;
+        options.silentEndCheck = 20ms;
+        options.statusChanged = [this] {
+            ++notifications;
+            seen.push_back(manager->connection()->status());
+        };
+        manager = std::make_unique<ss::StrongSwanManager>(io, std::move(options));
+        return *manager;
+    }
+
+    bool runUntil(const std::function<bool()>& done, std::chrono::milliseconds limit = 3000ms) {
+        auto deadline = std::chrono::steady_clock::now() + limit;
+        while (!done() && std::chrono::steady_clock::now() < deadline) {
+            io.restart();
+            io.run_for(5ms);
+        }
+        return done();
+    }
+
+    platform::OptionalError call(void (ss::StrongSwanManager::*method)(platform::CompletionHandler)) {
+        bool done = false;
+        platform::OptionalError result;
+        (manager.get()->*method)([&](const platform::OptionalError& error) {
+            done = true;
+            result = error;
+        });
+        EXPECT_FALSE(done) << "completion ran inside the call";
+        EXPECT_TRUE(runUntil([&] { return done; }));
+        return result;
+    }
+
+    void saveToolProfile() {
+        manager->setProtocolConfiguration(toolProfile());
+        manager->setEnabled(true);
+        manager->setLocalizedDescription(kConn);
+        ASSERT_FALSE(call(&ss::StrongSwanManager::saveToPreferences).has_value());
+    }
+
+    platform::NEVPNStatus status() { return manager->connection()->status(); }
+
+    void startAndConnect() {
+        auto error = manager->connection()->startVPNTunnel({"alice", kPassword});
+        ASSERT_FALSE(error.has_value()) << error->description;
+        ASSERT_TRUE(runUntil([&] { return !server.requests("initiate").empty(); }));
+        {
+            std::lock_guard lock(state.mutex);
+            state.vips = {"127.0.0.1"};
+        }
+        server.emit("ike-updown", updown(kConn, true, "ESTABLISHED", {"127.0.0.1"}));
+        server.emit("child-updown", updown(kConn, true, "ESTABLISHED", {"127.0.0.1"}, true));
+        ASSERT_TRUE(runUntil([&] { return status() == platform::NEVPNStatusConnected; }));
+    }
+
+    asio::io_context io;
+    FakeCharon server;
+    CharonState state;
+    fs::path root;
+    fs::path prefs;
+    std::unique_ptr<ss::StrongSwanManager> manager;
+    int notifications = 0;
+    std::vector<NEVPNStatus> seen;
+};
+
+std::size_t indexOf(const std::vector<fakecharon::Received>& got, ViciPacketType type,
+                    const std::string& name) {
+    for (std::size_t i = 0; i < got.size(); ++i) {
+        if (got[i].packet.type == type && got[i].packet.name == name) {
+            return i;
+        }
+    }
+    return got.size();
+}
+
+TEST_F(StrongSwanManagerTest, SaveWritesThePrivateFileAndLoadsTheTypedConnection) {
+    make();
+    saveToolProfile();
+    struct stat st {};
+    ASSERT_EQ(::stat(prefs.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0600u);
+    auto loads = server.requests("load-conn");
+    ASSERT_EQ(loads.size(), 1u);
+    ViciSection expected;
+    std::string error;
+    ASSERT_TRUE(ss::buildLoadConn(toolProfile(), expected, error));
+    EXPECT_EQ(loads[0].message, expected);
+    const ViciSection* conn = loads[0].message.section(kConn);
+    ASSERT_NE(conn, nullptr);
+    // Lists stay lists and scalars stay key/values on the wire.
+    for (const char* key : {"remote_addrs", "vips", "proposals"}) {
+        EXPECT_NE(conn->list(key), nullptr) << key;
+        EXPECT_EQ(conn->value(key), nullptr) << key;
+    }
+    for (const char* key : {"version", "dpd_delay"}) {
+        EXPECT_NE(conn->value(key), nullptr) << key;
+        EXPECT_EQ(conn->list(key), nullptr) << key;
+    }
+    EXPECT_EQ(*conn->list("proposals"), std::vector<std::string>{"aes256-sha256-modp2048"});
+    EXPECT_EQ(conn->get("dpd_delay"), "60s");
+    const ViciSection* child = conn->section("children")->section("orvane");
+    ASSERT_NE(child, nullptr);
+    EXPECT_EQ(*child->list("esp_proposals"), std::vector<std::string>{"aes256-sha256-modp2048"});
+    EXPECT_EQ(*child->list("remote_ts"), std::vector<std::string>{"0.0.0.0/0"});
+    EXPECT_EQ(conn->section("remote")->get("revocation"), "ifuri");
+    EXPECT_EQ(conn->section("local")->get("eap_id"), "alice");
+}
+
+TEST_F(StrongSwanManagerTest, SaveWithoutCharonIsNoError) {
+    server.shutdown();
+    make();
+    saveToolProfile();
+    EXPECT_TRUE(fs::exists(prefs));
+}
+
+TEST_F(StrongSwanManagerTest, ConnectionRefusedByCharonIsASaveError) {
+    state.loadConnAnswer = success(false, "invalid value for: proposals, config discarded");
+    make();
+    manager->setProtocolConfiguration(toolProfile());
+    auto error = call(&ss::StrongSwanManager::saveToPreferences);
+    ASSERT_TRUE(error.has_value());
+    EXPECT_EQ(error->code, ss::NEVPNErrorConfigurationInvalid);
+    EXPECT_NE(error->description.find("invalid value for: proposals"), std::string::npos);
+}
+
+TEST_F(StrongSwanManagerTest, SaveWithoutAProfileIsAnError) {
+    make();
+    auto error = call(&ss::StrongSwanManager::saveToPreferences);
+    ASSERT_TRUE(error.has_value());
+    EXPECT_NE(error->code, 0);
+    EXPECT_FALSE(fs::exists(prefs));
+}
+
+TEST_F(StrongSwanManagerTest, LoadReadsBackWhatWasSaved) {
+    make();
+    EXPECT_FALSE(call(&ss::StrongSwanManager::loadFromPreferences).has_value());
+    EXPECT_FALSE(manager->protocolConfiguration().has_value());
+    saveToolProfile();
+    make();  // a later run of the tool
+    EXPECT_FALSE(call(&ss::StrongSwanManager::loadFromPreferences).has_value());
+    ASSERT_TRUE(manager->protocolConfiguration().has_value());
+    EXPECT_EQ(*manager->protocolConfiguration(), toolProfile());
+    EXPECT_TRUE(manager->enabled());
+    EXPECT_EQ(manager->localizedDescription(), kConn);
+}
+
+TEST_F(StrongSwanManagerTest, CorruptPreferencesAreALoadError) {
+    fs::create_directories(prefs.parent_path());
+    std::ofstream(prefs) << "<plist><dict><key>broken";
+    make();
+    auto error = call(&ss::StrongSwanManager::loadFromPreferences);
+    ASSERT_TRUE(error.has_value());
+    EXPECT_NE(error->code, 0);
+    EXPECT_FALSE(error->description.empty());
+}
+
+TEST_F(StrongSwanManagerTest, RemoveDeletesTheFileAndUnloadsTheConnection) {
+    make();
+    saveToolProfile();
+    EXPECT_FALSE(call(&ss::StrongSwanManager::removeFromPreferences).has_value());
+    EXPECT_FALSE(fs::exists(prefs));
+    auto unloads = server.requests("unload-conn");
+    ASSERT_EQ(unloads.size(), 1u);
+    EXPECT_EQ(unloads[0].message.get("name"), kConn);
+    EXPECT_FALSE(call(&ss::StrongSwanManager::loadFromPreferences).has_value());
+    EXPECT_FALSE(manager->protocolConfiguration().has_value());
+    // Removing again, with nothing saved and charon gone, is fine too.
+    server.shutdown();
+    EXPECT_FALSE(call(&ss::StrongSwanManager::removeFromPreferences).has_value());
+}
+
+TEST_F(StrongSwanManagerTest, StartLoadsTheSecretThenInitiatesAndFollowsTheEvents) {
+    make();
+    saveToolProfile();
+    auto error = manager->connection()->startVPNTunnel({"alice", kPassword});
+    ASSERT_FALSE(error.has_value());
+    EXPECT_EQ(status(), platform::NEVPNStatusConnecting);
+    EXPECT_EQ(notifications, 0) << "notifications never run inside the call";
+    ASSERT_TRUE(runUntil([&] { return !server.requests("initiate").empty(); }));
+    EXPECT_EQ(seen, std::vector<NEVPNStatus>{platform::NEVPNStatusConnecting});
+
+    auto got = server.received();
+    std::size_t shared = indexOf(got, ViciPacketType::CmdRequest, "load-shared");
+    std::size_t initiate = indexOf(got, ViciPacketType::CmdRequest, "initiate");
+    ASSERT_LT(shared, got.size());
+    ASSERT_LT(initiate, got.size());
+    EXPECT_LT(shared, initiate);
+    for (const char* event : {"ike-updown", "child-updown", "ike-update", "log"}) {
+        std::size_t reg = indexOf(got, ViciPacketType::EventRegister, event);
+        ASSERT_LT(reg, got.size()) << event;
+        EXPECT_LT(reg, initiate) << event;
+        EXPECT_NE(got[reg].connection, got[initiate].connection) << "events on their own connection";
+    }
+    const ViciSection& secret = got[shared].packet.message;
+    EXPECT_EQ(secret.get("id"), "orvane-ikev2-eap");
+    EXPECT_EQ(secret.get("type"), "EAP");
+    EXPECT_EQ(secret.get("data"), kPassword);
+    ASSERT_NE(secret.list("owners"), nullptr);
+    EXPECT_EQ(*secret.list("owners"), std::vector<std::string>{"alice"});
+    const ViciSection& init = got[initiate].packet.message;
+    EXPECT_EQ(init.get("child"), "orvane");
+    EXPECT_EQ(init.get("ike"), kConn);
+    EXPECT_EQ(init.get("timeout"), "-1");
+    EXPECT_EQ(indexOf(got, ViciPacketType::CmdRequest, "load-conn"), 0u)
+        << "only the save loaded the connection";
+
+    server.emit("ike-updown", updown(kConn, true, "ESTABLISHED", {"127.0.0.1"}));
+    server.emit("child-updown", updown(kConn, true, "ESTABLISHED", {"127.0.0.1"}, true));
+    ASSERT_TRUE(runUntil([&] { return status() == platform::NEVPNStatusConnected; }));
+    EXPECT_EQ(seen.back(), platform::NEVPNStatusConnected);
+
+    // The password is in no log line at any level and not in the file.
+    for (const auto& line : logcapture::lines()) {
+        EXPECT_EQ(line.find(kPassword), std::string::npos) << line;
+    }
+    EXPECT_EQ(readFile(prefs).find(kPassword), std::string::npos);
+}
+
+TEST_F(StrongSwanManagerTest, StartLoadsTheConnectionWhenTheSaveCouldNot) {
+    fs::create_directories(prefs.parent_path());
+    platform::NSError saveError;
+    ASSERT_TRUE(ss::ProfileStore(prefs).save({toolProfile(), true, kConn}, saveError));
+    make();
+    ASSERT_FALSE(call(&ss::StrongSwanManager::loadFromPreferences).has_value());
+    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", kPassword}).has_value());
+    ASSERT_TRUE(runUntil([&] { return !server.requests("initiate").empty(); }));
+    auto got = server.received();
+    std::size_t load = indexOf(got, ViciPacketType::CmdRequest, "load-conn");
+    ASSERT_LT(load, got.size());
+    EXPECT_LT(load, indexOf(got, ViciPacketType::CmdRequest, "initiate"));
+}
+
+TEST_F(StrongSwanManagerTest, StartIsRefusedWithoutCharonOrCredentials) {
+    make();
+    saveToolProfile();
+    EXPECT_TRUE(manager->connection()->startVPNTunnel({"alice", ""}).has_value());
+    EXPECT_TRUE(manager->connection()->startVPNTunnel({"", kPassword}).has_value());
+    server.shutdown();
+    auto error = manager->connection()->startVPNTunnel({"alice", kPassword});
+    ASSERT_TRUE(error.has_value());
+    EXPECT_EQ(error->code, ss::NEVPNErrorConnectionFailed);
+    EXPECT_EQ(status(), platform::NEVPNStatusDisconnected);
+}
+
+TEST_F(StrongSwanManagerTest, RefusedSecretEndsTheStartWithoutInitiating) {
+    server.on("load-shared", [](Link& link, const ViciSection&) {
+        link.respond(success(false, "shared key data missing"));
+    });
+    make();
+    saveToolProfile();
+    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", kPassword}).has_value());
+    ASSERT_TRUE(runUntil([&] { return status() == platform::NEVPNStatusDisconnected; }));
+    EXPECT_TRUE(server.requests("initiate").empty());
+    EXPECT_TRUE(logcapture::contains("shared key data missing"));
+}
+
+TEST_F(StrongSwanManagerTest, DownEventEndsTheTunnelAndLateLogLinesGiveTheReason) {
+    make();
+    saveToolProfile();
+    auto since = platform::SystemClock::now();
+    startAndConnect();
+    server.emit("ike-updown", updown(kConn, false, "DELETING"));
+    server.emit("child-updown", updown(kConn, false, "DELETING", {}, true));
+    ASSERT_TRUE(runUntil([&] { return status() == platform::NEVPNStatusDisconnected; }));
+    // charon's log line for it comes after the down event.
+    std::thread late([&] {
+        std::this_thread::sleep_for(60ms);
+        server.emit("log", logLine("received DELETE for IKE_SA Orvane IKEv2[1]"));
+        server.emit("log", logLine("IKE_SA deleted"));
+    });
+    EXPECT_EQ(manager->lastDisconnectError(since), "deleted by peer");
+    late.join();
+    EXPECT_TRUE(runUntil([&] { return !server.requests("unload-shared").empty(); }));
+}
+
+TEST_F(StrongSwanManagerTest, AuthenticationFailureGivesItsReason) {
+    make();
+    saveToolProfile();
+    auto since = platform::SystemClock::now();
+    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", kPassword}).has_value());
+    ASSERT_TRUE(runUntil([&] { return !server.requests("initiate").empty(); }));
+    server.emit("log", logLine("EAP-MS-CHAPv2 failed with error ERROR_AUTHENTICATION_FAILURE: '(null)'"));
+    server.emit("log", logLine("EAP_MSCHAPV2 method failed"));
+    server.emit("log", logLine("received EAP_FAILURE, EAP authentication failed", "another conn"));
+    server.emit("ike-updown", updown(kConn, false, "CONNECTING"));
+    ASSERT_TRUE(runUntil([&] { return status() == platform::NEVPNStatusDisconnected; }));
+    EXPECT_EQ(manager->lastDisconnectError(since), "authentication failed");
+    EXPECT_EQ(manager->lastDisconnectError(platform::SystemClock::now() + 1h), "");
+}
+
+TEST_F(StrongSwanManagerTest, TunnelThatVanishesWithoutAnEventIsDetected) {
+    make();
+    saveToolProfile();
+    auto since = platform::SystemClock::now();
+    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", kPassword}).has_value());
+    ASSERT_TRUE(runUntil([&] { return !server.requests("list-sas").empty(); }));
+    EXPECT_EQ(status(), platform::NEVPNStatusConnecting) << "still listed";
+    server.emit("log", logLine("retransmit 2 of request with message ID 0"));
+    server.emit("log", logLine("giving up after 2 retransmits"));
+    {
+        std::lock_guard lock(state.mutex);
+        state.saPresent = false;
+    }
+    server.emit("log", logLine("establishing IKE_SA failed, peer not responding"));
+    ASSERT_TRUE(runUntil([&] { return status() == platform::NEVPNStatusDisconnected; }));
+    EXPECT_EQ(manager->lastDisconnectError(since), "peer not responding");
+    EXPECT_EQ(seen, (std::vector<NEVPNStatus>{platform::NEVPNStatusConnecting,
+                                             platform::NEVPNStatusDisconnected}));
+}
+
+TEST_F(StrongSwanManagerTest, FailedInitiateEndsTheStart) {
+    state.initiateAnswer = success(false, "establishing CHILD_SA 'orvane' failed");
+    server.on("initiate", [this](Link& link, const ViciSection&) {
+        server.emit("log", logLine("resolving 'vpn.example.net' failed: Temporary failure in name resolution", "", "LIB"));
+        server.emit("log", logLine("unable to resolve vpn.example.net, initiate aborted"));
+        link.respond(state.initiateAnswer);
+    });
+    make();
+    saveToolProfile();
+    auto since = platform::SystemClock::now();
+    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", kPassword}).has_value());
+    ASSERT_TRUE(runUntil([&] { return status() == platform::NEVPNStatusDisconnected; }));
+    EXPECT_EQ(manager->lastDisconnectError(since), "server address not resolved");
+    EXPECT_TRUE(logcapture::contains("establishing CHILD_SA 'orvane' failed"));
+}
+
+TEST_F(StrongSwanManagerTest, StopTerminatesBeforeItReturns) {
+    make();
+    saveToolProfile();
+    startAndConnect();
+    std::size_t before = server.requests("unload-shared").size();
+    manager->connection()->stopVPNTunnel();
+    // Without turning the loop: the requests are already with charon.
+    auto terminates = server.requests("terminate");
+    ASSERT_EQ(terminates.size(), 1u);
+    EXPECT_EQ(terminates[0].message.get("ike"), kConn);
+    EXPECT_EQ(terminates[0].message.get("force"), "yes");
+    EXPECT_EQ(terminates[0].message.get("timeout"), "-1");
+    EXPECT_EQ(server.requests("unload-shared").size(), before + 1);
+    EXPECT_EQ(server.requests("unload-shared").back().message.get("id"), "orvane-ikev2-eap");
+    EXPECT_EQ(status(), platform::NEVPNStatusDisconnecting);
+    server.emit("ike-updown", updown(kConn, false, "DELETING"));
+    ASSERT_TRUE(runUntil([&] { return status() == platform::NEVPNStatusDisconnected; }));
+}
+
+TEST_F(StrongSwanManagerTest, StopWhileConnectingEndsWithoutADownEvent) {
+    make();
+    saveToolProfile();
+    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", kPassword}).has_value());
+    ASSERT_TRUE(runUntil([&] { return !server.requests("initiate").empty(); }));
+    runUntil([] { return false; }, 30ms);
+    manager->connection()->stopVPNTunnel();
+    EXPECT_EQ(status(), platform::NEVPNStatusDisconnecting);
+    ASSERT_TRUE(runUntil([&] { return status() == platform::NEVPNStatusDisconnected; }));
+}
+
+TEST_F(StrongSwanManagerTest, StopBeforeStartSendsNothing) {
+    make();
+    manager->connection()->stopVPNTunnel();
+    EXPECT_TRUE(server.requests("terminate").empty());
+    EXPECT_EQ(status(), platform::NEVPNStatusDisconnected);
+}
+
+TEST_F(StrongSwanManagerTest, EndpointChangeWhileConnectedReasserts) {
+    make();
+    saveToolProfile();
+    startAndConnect();
+    ViciSection update = updown(kConn, false, "ESTABLISHED");
+    update.add("local-host", "10.0.0.9");
+    server.emit("ike-update", update);
+    ASSERT_TRUE(runUntil([&] { return status() == platform::NEVPNStatusReasserting; }));
+}
+
+TEST_F(StrongSwanManagerTest, CharonGoingAwayEndsTheTunnel) {
+    make();
+    saveToolProfile();
+    auto since = platform::SystemClock::now();
+    startAndConnect();
+    server.hangUpAll();
+    ASSERT_TRUE(runUntil([&] { return status() == platform::NEVPNStatusDisconnected; }));
+    EXPECT_EQ(manager->lastDisconnectError(since), "VPN service stopped");
+}
+
+TEST_F(StrongSwanManagerTest, ServicesNameCharonsConnectionsAndTheTunnelInterface) {
+    state.conns = {"site-to-site", kConn};
+    make();
+    saveToolProfile();
+    startAndConnect();
+    auto services = manager->networkServices();
+    ASSERT_TRUE(services.has_value());
+    ASSERT_EQ(services->size(), 2u);
+    EXPECT_EQ((*services)[0].name, "site-to-site");
+    EXPECT_FALSE((*services)[0].interfaceName.has_value());
+    EXPECT_EQ((*services)[1].name, kConn);
+    // The virtual IP of this fake tunnel is the loopback address.
+    EXPECT_EQ((*services)[1].interfaceName, ss::interfaceForAddress("127.0.0.1"));
+}
+
+TEST_F(StrongSwanManagerTest, ServicesFallBackToIpsec0AndToNoneWithoutCharon) {
+    make();
+    {
+        std::lock_guard lock(state.mutex);
+        state.saPresent = true;
+        state.vips = {"192.0.2.201"};
+    }
+    auto services = manager->networkServices();
+    ASSERT_TRUE(services.has_value());
+    ASSERT_EQ(services->size(), 1u);
+    EXPECT_EQ((*services)[0].interfaceName, "ipsec0");
+    server.shutdown();
+    EXPECT_FALSE(manager->networkServices().has_value());
+}
+
+}  // namespace
