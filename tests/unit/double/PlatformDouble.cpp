@@ -5,6 +5,7 @@
 #include <fmt/format.h>
 
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
@@ -139,6 +140,8 @@ std::optional<Script> parseScript(const std::string& text) {
                 script.services.emplace();
             }
             script.services->push_back(service);
+        } else if (word == "raise-on-load") {
+            ok = static_cast<bool>(in >> script.raiseOnLoad);
         } else if (word == "no-services") {
             script.services.reset();
         } else {
@@ -238,6 +241,9 @@ void ScriptedPlatform::requestLoad(CompletionHandler handler) {
     pendingLoad_ = std::move(handler);
     if (script_.autoAnswer) {
         RunLoop::main().post([this] { completeLoad(script_.loadError); });
+    }
+    if (script_.raiseOnLoad != 0) {
+        std::raise(script_.raiseOnLoad);
     }
 }
 

@@ -25,6 +25,8 @@
 //     last-disconnect-error <text>   the answer of fetchLastDisconnectError
 //     service <name>|<interface>     one network service ("-": no interface)
 //     no-services                    the network configuration is unreadable
+//     raise-on-load <signal>         the process takes that signal inside
+//                                    the load request (during connect)
 //
 // Record lines: "load", "save <profile fields>", "remove", "start
 // username=<name> password-length=<n>", "stop", "status <n>",
@@ -60,6 +62,7 @@ struct Script {
     std::vector<std::pair<int, NEVPNStatus>> onStop;
     std::string lastDisconnectError;
     std::optional<std::vector<NetworkService>> services = std::vector<NetworkService>{};
+    int raiseOnLoad = 0;
 };
 
 // Parses the script format above; unknown lines are an error (nullopt).

@@ -1,0 +1,123 @@
+#include "tests/unit/tool/ToolProcess.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+
+using testing_support::ToolProcess;
+using Lines = std::vector<std::string>;
+using namespace std::chrono_literals;
+
+namespace {
+
+const char* kConfig = "ip=203.0.113.7\nusername=alice\npassword=Pa55-w0rd!\n";
+// The tunnel comes up 50 ms after the start; a stop brings it down.
+const char* kConnects = "on-start 10 2\non-start 50 3\non-stop 5 5\non-stop 20 1\n";
+
+int count(const Lines& lines, const std::string& line) {
+    return static_cast<int>(std::count(lines.begin(), lines.end(), line));
+}
+
+}  // namespace
+
+TEST(ToolSignalsTest, InterruptWhileConnectedAtVerboseLevelLogsReceivedSignal2AndEndsWithStatusZero) {
+    ToolProcess tool(kConnects);
+    tool.writeFile("client.conf", kConfig);
+    tool.start({"--config", "client.conf", "--verbose"});
+    ASSERT_TRUE(tool.waitForRecord("status 3"));
+    const auto sent = ToolProcess::Clock::now();
+    tool.signal(SIGINT);
+    EXPECT_EQ(tool.wait(), 0);
+    // Acted on at once, not at the end of the half-second slice.
+    EXPECT_LT(tool.exitedAt() - sent, 400ms);
+    const Lines messages = tool.messages();
+    EXPECT_EQ(count(messages, "Received signal 2"), 1) << tool.err();
+    EXPECT_EQ(tool.recordCount("stop"), 1);
+}
+
+TEST(ToolSignalsTest, SignalLineIsHiddenAtTheDefaultLevel) {
+    ToolProcess tool(kConnects);
+    tool.writeFile("client.conf", kConfig);
+    tool.start({"--config", "client.conf"});
+    ASSERT_TRUE(tool.waitForRecord("status 3"));
+    tool.signal(SIGTERM);
+    EXPECT_EQ(tool.wait(), 0);
+    EXPECT_EQ(tool.err().find("Received signal"), std::string::npos) << tool.err();
+    EXPECT_EQ(tool.recordCount("stop"), 1);
+}
+
+TEST(ToolSignalsTest, EachTerminatingSignalWhileConnectedEndsWithStatusZeroAfterOneStop) {
+    for (int signo : {SIGUSR1, SIGINT, SIGTERM}) {
+        ToolProcess tool(kConnects);
+        tool.writeFile("client.conf", kConfig);
+        tool.start({"--config", "client.conf", "--verbose"});
+        ASSERT_TRUE(tool.waitForRecord("status 3"));
+        tool.signal(signo);
+        EXPECT_EQ(tool.wait(), 0) << signo;
+        EXPECT_EQ(count(tool.messages(), "Received signal " + std::to_string(signo)), 1) << tool.err();
+        EXPECT_EQ(tool.recordCount("stop"), 1);
+    }
+}
+
+TEST(ToolSignalsTest, TwoSignalsInARowAreBothLoggedAndDisconnectOnce) {
+    ToolProcess tool(kConnects);
+    tool.writeFile("client.conf", kConfig);
+    tool.start({"--config", "client.conf", "--verbose"});
+    ASSERT_TRUE(tool.waitForRecord("status 3"));
+    // Both signals are pending when the process resumes, so both are taken
+    // before the loop handles either.
+    tool.signal(SIGSTOP);
+    std::this_thread::sleep_for(20ms);
+    tool.signal(SIGUSR1);
+    tool.signal(SIGTERM);
+    tool.signal(SIGCONT);
+    EXPECT_EQ(tool.wait(), 0);
+    const Lines messages = tool.messages();
+    EXPECT_EQ(count(messages, "Received signal " + std::to_string(SIGUSR1)), 1) << tool.err();
+    EXPECT_EQ(count(messages, "Received signal " + std::to_string(SIGTERM)), 1) << tool.err();
+    EXPECT_EQ(tool.recordCount("stop"), 1);
+}
+
+TEST(ToolSignalsTest, SignalDuringConnectMeansTheWaitLoopNeverRuns) {
+    // The signal is taken inside the load request, that is while connect
+    // runs; the load's completion is already queued on the run loop.
+    ToolProcess tool(std::string(kConnects) + "raise-on-load 15\n");
+    tool.writeFile("client.conf", kConfig);
+    EXPECT_EQ(tool.run({"--config", "client.conf", "--verbose"}), 0);
+    EXPECT_EQ(tool.record(), Lines{"load"});
+    EXPECT_EQ(tool.messages(), Lines{"Received signal 15"});
+}
+
+TEST(ToolSignalsTest, SignalDuringConnectInCheckModeEndsWithStatusZeroBeforeTheCheck) {
+    ToolProcess tool("raise-on-load 2\n");
+    EXPECT_EQ(tool.run({"--check"}), 0);
+    EXPECT_EQ(tool.record(), Lines{"load"});
+    EXPECT_EQ(tool.err(), "");
+}
+
+TEST(ToolSignalsTest, SignalWhileTheStartIsPendingEndsWithStatusZeroWithoutAStartOrStop) {
+    ToolProcess tool(kConnects);
+    tool.writeFile("client.conf", kConfig);
+    tool.start({"--config", "client.conf", "--verbose"});
+    ASSERT_TRUE(tool.waitForRecord("save "));
+    const auto sent = ToolProcess::Clock::now();
+    tool.signal(SIGTERM);
+    EXPECT_EQ(tool.wait(), 0);
+    EXPECT_LT(tool.exitedAt() - sent, 400ms);
+    EXPECT_EQ(tool.recordCount("stop"), 0);
+    for (const std::string& entry : tool.record()) {
+        EXPECT_NE(entry.rfind("start", 0), 0u) << entry;
+    }
+    EXPECT_EQ(tool.messages(), (Lines{"IKEv2 Configuration saved!", "Received signal 15"}));
+}
+
+TEST(ToolSignalsTest, SignalWhileConnectingStopsTheTunnelOnceAndEndsWithStatusZero) {
+    ToolProcess tool("on-start 10 2\n");
+    tool.writeFile("client.conf", kConfig);
+    tool.start({"--config", "client.conf"});
+    ASSERT_TRUE(tool.waitForRecord("status 2"));
+    tool.signal(SIGUSR1);
+    EXPECT_EQ(tool.wait(), 0);
+    EXPECT_EQ(tool.recordCount("stop"), 1);
+    EXPECT_EQ(tool.messages(), Lines{"IKEv2 Connecting"});
+}

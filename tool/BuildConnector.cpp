@@ -1,0 +1,43 @@
+#include "tool/Tool.h"
+
+#include "log/DDLog.h"
+
+#include <sys/stat.h>
+
+#include <cstdlib>
+
+namespace {
+
+bool fileExistsAtPath(const std::string& path) {
+    struct stat info {};
+    return ::stat(path.c_str(), &info) == 0;
+}
+
+}  // namespace
+
+RunMode run_mode(const cli::GBSettings& settings) {
+    RunMode mode;
+    mode.checkOnly = settings.boolForKey("check") && !settings.boolForKey("create");
+    mode.createOnly = settings.boolForKey("create");
+    return mode;
+}
+
+std::shared_ptr<OVConnectorIKEv2> build_connector(const cli::GBSettings& settings, const RunMode& mode) {
+    const cli::Value config = settings.objectForKey("config");
+    if (!config.isNil()) {
+        // Used verbatim: a relative path is taken from the working directory.
+        const std::string path = config.description();
+        if (!fileExistsAtPath(path)) {
+            DDLogError("Config file {} doesn't exist!", path);
+            std::exit(1);
+        }
+        return OVConnectorIKEv2::initWithConfigFile(path);
+    }
+    if (mode.checkOnly || mode.createOnly) {
+        std::string server = random_ip();
+        std::string username = random_username();
+        return OVConnectorIKEv2::initWithServer(std::move(server), std::move(username), std::string(""));
+    }
+    DDLogError("Must provide a config file to start vpn tunnel!");
+    std::exit(1);
+}

@@ -1,0 +1,33 @@
+#include "tool/Tool.h"
+
+#include "cli/GBCommandLineParser.h"
+#include "cli/GBOptionsHelper.h"
+
+#include <cstdlib>
+
+cli::GBSettingsRef parse_args(int argc, char** argv) {
+    // A level without storage: both defaults are lost on purpose, so no
+    // configuration file name is in effect unless --config gives one.
+    auto defaults = std::make_shared<cli::GBSettings>();
+    defaults->setBool(false, "verbose");
+    defaults->setObject(cli::Value("ikev2.orvn"), "config");
+    cli::GBSettingsRef settings = cli::GBSettings::settingsWithName(std::string("Current"), defaults);
+
+    auto parser = std::make_shared<cli::GBCommandLineParser>();
+    cli::GBOptionsHelper options;
+    options.registerOption('c', std::string("config"), std::string("Read configurations from file"), 0);
+    options.registerOption(0, std::string("check"), std::string("Check configurations and exit"), 2);
+    options.registerOption(0, std::string("create"), std::string("Create configurations and exit"), 2);
+    options.registerOption(0, std::string("remove"), std::string("Remove configurations and exit"), 2);
+    options.registerOption(0, std::string("verbose"), std::string("Print verbose logs"), 2);
+    options.registerOption('h', std::string("help"), std::string("Print help and exit"), 2);
+
+    parser->registerOptions(options);
+    parser->registerSettings(settings);
+    const bool parsed = parser->parseOptionsWithArguments(argv, argc);
+    if (parsed && !settings->boolForKey("help")) {
+        return settings;
+    }
+    options.printHelp();
+    std::exit(1);
+}

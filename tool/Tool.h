@@ -1,0 +1,49 @@
+#pragma once
+
+// The tool's spine around `main`: option parsing, the remove mode, signal
+// handling and the placeholder credentials of the check and create modes.
+
+#include "cli/GBSettings.h"
+#include "connector/OVConnectorIKEv2.h"
+
+#include <atomic>
+#include <memory>
+#include <string>
+
+// The one connector; set once by main, read by the signal handling.
+extern std::shared_ptr<OVConnectorIKEv2> connector;
+// Set once a terminating signal has been handled; main's wait loop ends.
+extern std::atomic<bool> terminated;
+
+// Parses the command line into the "Current" settings level. On a parse
+// error or --help, prints the help and ends the process with status 1.
+cli::GBSettingsRef parse_args(int argc, char** argv);
+
+// The check-only and create-only values: create wins over check.
+struct RunMode {
+    bool checkOnly = false;
+    bool createOnly = false;
+};
+RunMode run_mode(const cli::GBSettings& settings);
+
+// The connector for the run: from the file "config" names, or from
+// placeholder credentials in the check and create modes. Ends the process
+// with status 1 when the file does not exist or, in connect mode, when no
+// file was given.
+std::shared_ptr<OVConnectorIKEv2> build_connector(const cli::GBSettings& settings, const RunMode& mode);
+
+// Loads the preferences and removes the tool's profile; ends the process
+// from the completions (0 when removed or nothing to remove, 1 on errors).
+void run_remove_mode();
+
+// Installs sig_handler for SIGUSR1, SIGINT and SIGTERM.
+void register_signal_handlers();
+// The signal handler itself: only wakes the main run loop.
+void sig_handler(int signal);
+// The handler's work, on the main run loop's thread: log, disconnect once,
+// mark the tool terminated and end the current slice.
+void handle_signal(int signal);
+
+// Placeholder credentials from the unseeded C random generator.
+std::string random_ip();
+std::string random_username();
