@@ -1,0 +1,304 @@
+// Reading property lists: format detection, the guards that keep hostile
+// input away from libplist's recursive parsers, and libplist's nodes turned
+// into Values.
+
+#include "cli/BinaryPlistCheck.h"
+#include "cli/OpenStepPlist.h"
+#include "cli/PropertyList.h"
+
+#include <plist/plist.h>
+
+#include <cstdlib>
+#include <limits>
+#include <map>
+#include <memory>
+#include <vector>
+
+namespace cli {
+
+namespace {
+
+constexpr double kSecondsFrom1970To2001 = 978307200.0;
+
+void setCorrupt(std::optional<NSError>* error, const std::string& detail) {
+    if (!error) return;
+    *error = NSError{kCocoaErrorDomain, kPropertyListReadCorruptError,
+                     "The data couldn\xE2\x80\x99t be read because it isn\xE2\x80\x99t in the "
+                     "correct format. (" + detail + ")"};
+}
+
+void appendUTF8(std::string& out, char32_t c) {
+    if (c < 0x80) {
+        out.push_back(static_cast<char>(c));
+    } else if (c < 0x800) {
+        out.push_back(static_cast<char>(0xC0 | (c >> 6)));
+        out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+    } else if (c < 0x10000) {
+        out.push_back(static_cast<char>(0xE0 | (c >> 12)));
+        out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
+        out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+    } else {
+        out.push_back(static_cast<char>(0xF0 | (c >> 18)));
+        out.push_back(static_cast<char>(0x80 | ((c >> 12) & 0x3F)));
+        out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
+        out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+    }
+}
+
+bool startsWith(std::string_view bytes, std::string_view prefix) {
+    return bytes.substr(0, prefix.size()) == prefix;
+}
+
+// Text with a UTF-16 or UTF-32 byte-order mark becomes UTF-8; a UTF-8 mark
+// is dropped. Nothing for ill-formed text.
+std::optional<std::string> textAsUTF8(std::string_view bytes) {
+    int unitSize = 0;
+    bool bigEndian = false;
+    if (startsWith(bytes, std::string_view("\xFF\xFE\x00\x00", 4))) {
+        unitSize = 4;
+    } else if (startsWith(bytes, std::string_view("\x00\x00\xFE\xFF", 4))) {
+        unitSize = 4, bigEndian = true;
+    } else if (startsWith(bytes, "\xFF\xFE")) {
+        unitSize = 2;
+    } else if (startsWith(bytes, "\xFE\xFF")) {
+        unitSize = 2, bigEndian = true;
+    } else if (startsWith(bytes, "\xEF\xBB\xBF")) {
+        return std::string(bytes.substr(3));
+    } else {
+        return std::string(bytes);
+    }
+    bytes.remove_prefix(unitSize);
+    if (bytes.size() % unitSize != 0) return std::nullopt;
+    auto unitAt = [&](std::size_t i) {
+        std::uint32_t value = 0;
+        for (int k = 0; k < unitSize; ++k) {
+            const std::uint32_t b = static_cast<unsigned char>(bytes[i + k]);
+            value |= bigEndian ? b << (8 * (unitSize - 1 - k)) : b << (8 * k);
+        }
+        return value;
+    };
+    std::string out;
+    for (std::size_t i = 0; i < bytes.size(); i += unitSize) {
+        std::uint32_t c = unitAt(i);
+        if (unitSize == 2 && c >= 0xD800 && c <= 0xDBFF) {
+            if (i + 2 >= bytes.size()) return std::nullopt;
+            const std::uint32_t low = unitAt(i + 2);
+            if (low < 0xDC00 || low > 0xDFFF) return std::nullopt;
+            c = 0x10000 + ((c - 0xD800) << 10) + (low - 0xDC00);
+            i += 2;
+        } else if ((c >= 0xD800 && c <= 0xDFFF) || c > 0x10FFFF) {
+            return std::nullopt;
+        }
+        appendUTF8(out, c);
+    }
+    return out;
+}
+
+// The deepest element nesting of XML text, found without recursion.
+// Comments, CDATA sections, declarations and processing instructions are
+// stepped over.
+std::size_t xmlElementDepth(std::string_view text) {
+    std::size_t depth = 0;
+    std::size_t deepest = 0;
+    std::size_t pos = 0;
+    auto skipPast = [&](std::string_view terminator) {
+        const std::size_t end = text.find(terminator, pos);
+        pos = end == std::string_view::npos ? text.size() : end + terminator.size();
+    };
+    while ((pos = text.find('<', pos)) != std::string_view::npos) {
+        const std::string_view rest = text.substr(pos);
+        if (startsWith(rest, "<!--")) {
+            skipPast("-->");
+        } else if (startsWith(rest, "<![CDATA[")) {
+            skipPast("]]>");
+        } else if (startsWith(rest, "<?")) {
+            skipPast("?>");
+        } else if (startsWith(rest, "<!")) {
+            skipPast(">");
+        } else if (startsWith(rest, "</")) {
+            if (depth > 0) --depth;
+            skipPast(">");
+        } else {
+            const std::size_t end = text.find('>', pos);
+            if (end == std::string_view::npos) break;
+            if (text[end - 1] != '/') deepest = std::max(deepest, ++depth);
+            pos = end + 1;
+        }
+    }
+    return deepest;
+}
+
+struct PlistDeleter {
+    void operator()(void* node) const { plist_free(static_cast<plist_t>(node)); }
+};
+using PlistPtr = std::unique_ptr<void, PlistDeleter>;
+
+struct FreeDeleter {
+    void operator()(char* p) const { std::free(p); }
+};
+using CString = std::unique_ptr<char, FreeDeleter>;
+
+// libplist keeps an integer's sign beside its 64 bits but 2.2 has no
+// accessor for it; its XML text tells a negative value from a large
+// unsigned one.
+bool integerNodeIsNegative(plist_t node) {
+    char* xml = nullptr;
+    std::uint32_t length = 0;
+    plist_to_xml(node, &xml, &length);
+    CString owned(xml);
+    return xml && std::string_view(xml, length).find("<integer>-") != std::string_view::npos;
+}
+
+Value valueFromNode(plist_t node, std::size_t depth) {
+    if (!node || depth > kPropertyListMaxNesting) return {};
+    switch (plist_get_node_type(node)) {
+        case PLIST_BOOLEAN: {
+            std::uint8_t flag = 0;
+            plist_get_bool_val(node, &flag);
+            return Value::numberWithBool(flag != 0);
+        }
+        case PLIST_UINT: {
+            std::uint64_t bits = 0;
+            plist_get_uint_val(node, &bits);
+            if (bits > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max()) &&
+                !integerNodeIsNegative(node)) {
+                return Value::numberWithUnsignedInteger(bits);
+            }
+            return Value::numberWithInteger(static_cast<std::int64_t>(bits));
+        }
+        case PLIST_REAL: {
+            double real = 0;
+            plist_get_real_val(node, &real);
+            return Value::numberWithDouble(real);
+        }
+        case PLIST_STRING:
+        case PLIST_KEY: {
+            // The pointer form: libplist's copying getter asserts on text
+            // holding a NUL character.
+            std::uint64_t length = 0;
+            const char* text = plist_get_string_ptr(node, &length);
+            if (text) return Value(std::string(text, length));
+            char* key = nullptr;  // a key node, whose text the XML reader made
+            plist_get_key_val(node, &key);
+            CString owned(key);
+            return key ? Value(std::string(key)) : Value();
+        }
+        case PLIST_DATA: {
+            char* bytes = nullptr;
+            std::uint64_t length = 0;
+            plist_get_data_val(node, &bytes, &length);
+            CString owned(bytes);
+            if (!bytes && length > 0) return {};
+            const auto* begin = reinterpret_cast<const std::uint8_t*>(bytes);
+            return Value::data(std::vector<std::uint8_t>(begin, begin + length));
+        }
+        case PLIST_DATE: {
+            std::int32_t seconds = 0;
+            std::int32_t microseconds = 0;
+            plist_get_date_val(node, &seconds, &microseconds);
+            return Value::date(seconds + microseconds / 1e6 + kSecondsFrom1970To2001);
+        }
+        case PLIST_UID: {
+            // A keyed-archiver reference reads back as the dictionary the
+            // XML form spells it with.
+            std::uint64_t uid = 0;
+            plist_get_uid_val(node, &uid);
+            return Value::dictionary(
+                {{"CF$UID", Value::numberWithUnsignedInteger(uid)}});
+        }
+        case PLIST_ARRAY: {
+            std::vector<Value> elements;
+            const std::uint32_t count = plist_array_get_size(node);
+            for (std::uint32_t i = 0; i < count; ++i) {
+                Value element = valueFromNode(plist_array_get_item(node, i), depth + 1);
+                if (element.isNil()) return {};
+                elements.push_back(std::move(element));
+            }
+            return Value::array(std::move(elements));
+        }
+        case PLIST_DICT: {
+            std::map<std::string, Value> entries;
+            plist_dict_iter iterator = nullptr;
+            plist_dict_new_iter(node, &iterator);
+            bool ok = true;
+            for (;;) {
+                char* key = nullptr;
+                plist_t item = nullptr;
+                plist_dict_next_item(node, iterator, &key, &item);
+                if (!key) break;
+                CString ownedKey(key);
+                Value value = valueFromNode(item, depth + 1);
+                if (value.isNil()) {
+                    ok = false;
+                    break;
+                }
+                entries[key] = std::move(value);
+            }
+            std::free(iterator);
+            if (!ok) return {};
+            return Value::dictionary(std::move(entries));
+        }
+        default:
+            return {};
+    }
+}
+
+}  // namespace
+
+Value propertyListFromData(std::string_view bytes, std::optional<NSError>* error) {
+    if (bytes.empty()) {
+        setCorrupt(error, "empty data");
+        return {};
+    }
+    if (bytes.size() > std::numeric_limits<std::uint32_t>::max()) {
+        setCorrupt(error, "data too large");
+        return {};
+    }
+    if (startsWith(bytes, "bplist0")) {
+        std::string problem;
+        if (!binaryPlistIsWellFormed(bytes, kPropertyListMaxNesting, &problem)) {
+            setCorrupt(error, problem);
+            return {};
+        }
+        plist_t root = nullptr;
+        plist_from_bin(bytes.data(), static_cast<std::uint32_t>(bytes.size()), &root);
+        PlistPtr owned(root);
+        Value value = valueFromNode(root, 0);
+        if (value.isNil()) setCorrupt(error, "malformed binary property list");
+        return value;
+    }
+
+    const std::optional<std::string> text = textAsUTF8(bytes);
+    if (!text) {
+        setCorrupt(error, "ill-formed text encoding");
+        return {};
+    }
+    const std::size_t first = text->find_first_not_of(" \t\r\n");
+    // XML has no NUL characters, and libplist's key getter aborts on them.
+    if (first != std::string::npos && (*text)[first] == '<' &&
+        text->find('\0') == std::string::npos) {
+        // The plist wrapper is one element above the 512 allowed levels.
+        if (xmlElementDepth(*text) > kPropertyListMaxNesting + 1) {
+            setCorrupt(error, "nesting too deep");
+            return {};
+        }
+        plist_t root = nullptr;
+        plist_from_xml(text->data(), static_cast<std::uint32_t>(text->size()), &root);
+        PlistPtr owned(root);
+        if (root) {
+            Value value = valueFromNode(root, 0);
+            if (!value.isNil()) return value;
+        }
+    }
+    // Not XML: the old text form is the last resort.
+    if (!isValidUTF8(*text)) {
+        setCorrupt(error, "text is not UTF-8");
+        return {};
+    }
+    std::string problem;
+    Value value = parseOpenStepPropertyList(*text, &problem);
+    if (value.isNil()) setCorrupt(error, problem);
+    return value;
+}
+
+}  // namespace cli
