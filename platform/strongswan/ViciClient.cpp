@@ -135,26 +135,46 @@ void ViciClient::startNext() {
                       });
 }
 
+// The socket is read only by our own non-blocking reads, after a readiness
+// wait, never by an asynchronous read into a buffer: `drain` can then read
+// on the caller's stack without racing a read that completed but whose
+// handler has not run yet.
 void ViciClient::readMore() {
     std::weak_ptr<ViciClient> weak = weak_from_this();
-    socket_.async_read_some(asio::buffer(readBuffer_),
-                            [weak](const std::error_code& ec, std::size_t size) {
-                                auto self = weak.lock();
-                                if (!self || !self->open_) {
-                                    return;
-                                }
-                                if (ec) {
-                                    self->fail(ec == asio::error::eof
-                                                   ? std::string("daemon closed the connection")
-                                                   : fmt::format("read failed: {}", ec.message()),
-                                               true);
-                                    return;
-                                }
-                                self->consume(self->readBuffer_.data(), size);
-                                if (self->open_) {
-                                    self->readMore();
-                                }
-                            });
+    socket_.async_wait(asio::socket_base::wait_read, [weak](const std::error_code& ec) {
+        auto self = weak.lock();
+        if (!self || !self->open_) {
+            return;
+        }
+        if (ec) {
+            self->fail(fmt::format("read failed: {}", ec.message()), true);
+            return;
+        }
+        // A bounded number of reads per wake-up keeps other handlers going.
+        for (int i = 0; i < 16 && self->open_ && self->readNow() == ReadResult::Data; ++i) {
+        }
+        if (self->open_) {
+            self->readMore();
+        }
+    });
+}
+
+ViciClient::ReadResult ViciClient::readNow() {
+    ssize_t got =
+        ::recv(socket_.native_handle(), readBuffer_.data(), readBuffer_.size(), MSG_DONTWAIT);
+    if (got > 0) {
+        consume(readBuffer_.data(), static_cast<std::size_t>(got));
+        return ReadResult::Data;
+    }
+    if (got == 0) {
+        fail("daemon closed the connection", true);
+        return ReadResult::Closed;
+    }
+    if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) {
+        return ReadResult::Nothing;
+    }
+    fail(fmt::format("read failed: {}", std::strerror(errno)), true);
+    return ReadResult::Closed;
 }
 
 void ViciClient::consume(const char* data, std::size_t size) {
@@ -281,15 +301,8 @@ void ViciClient::drain(std::chrono::milliseconds limit, std::chrono::millisecond
         if (ready <= 0) {
             continue;
         }
-        ssize_t got = ::recv(socket_.native_handle(), readBuffer_.data(), readBuffer_.size(),
-                             MSG_DONTWAIT);
-        if (got > 0) {
+        if (readNow() == ReadResult::Data) {
             lastData = Clock::now();
-            consume(readBuffer_.data(), static_cast<std::size_t>(got));
-        } else if (got == 0) {
-            fail("daemon closed the connection", true);
-        } else if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) {
-            fail(fmt::format("read failed: {}", std::strerror(errno)), true);
         }
     }
 }

@@ -108,7 +108,9 @@ private:
     void enqueue(ViciPacketType type, std::string name, const ViciSection* message,
                  ViciReplyHandler handler, std::chrono::milliseconds timeout);
     void startNext();
+    enum class ReadResult { Data, Nothing, Closed };
     void readMore();
+    ReadResult readNow();
     void consume(const char* data, std::size_t size);
     bool handlePacket(const std::string& bytes);
     void complete(ViciReply reply);
