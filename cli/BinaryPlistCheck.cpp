@@ -54,7 +54,8 @@ bool stringIsCarried(std::string_view bytes, std::uint64_t offset, std::uint64_t
     if (count > (end - position) / unitSize) return fail(problem, "string outside the data");
     for (std::uint64_t i = 0; i < count; ++i) {
         const std::uint64_t at = position + i * unitSize;
-        const bool zero = unitSize == 1 ? bytes[at] == '\0' : (bytes[at] == '\0' && bytes[at + 1] == '\0');
+        const bool zero =
+            unitSize == 1 ? bytes[at] == '\0' : (bytes[at] == '\0' && bytes[at + 1] == '\0');
         if (zero) return fail(problem, "string holds a NUL character");
     }
     return true;
@@ -109,7 +110,8 @@ bool binaryPlistIsWellFormed(std::string_view bytes, std::size_t maxNesting, std
         }
         children[object].reserve(references);
         for (std::uint64_t i = 0; i < references; ++i) {
-            const std::uint64_t child = readBigEndian(bytes, position + i * referenceSize, referenceSize);
+            const std::uint64_t child =
+                readBigEndian(bytes, position + i * referenceSize, referenceSize);
             if (child >= objectCount) return fail(problem, "reference to a missing object");
             children[object].push_back(child);
         }

@@ -3,8 +3,7 @@
 namespace cli {
 
 void GBOptionsHelper::registerOption(std::int8_t shortOption, std::optional<std::string> longOption,
-                                     std::optional<std::string> description,
-                                     GBOptionFlags flags) {
+                                     std::optional<std::string> description, GBOptionFlags flags) {
     auto option = std::make_shared<OptionDefinition>();
     option->setShortOption(shortOption);
     option->setLongOption(std::move(longOption));

@@ -28,7 +28,7 @@ struct OptionDefinitionEntry {
 };
 
 class GBOptionsHelper {
-public:
+  public:
     // A text supplier, asked each time its text is needed; empty = absent.
     using StringBlock = std::function<std::string()>;
     using OptionDefinitionRef = std::shared_ptr<OptionDefinition>;
@@ -111,7 +111,7 @@ public:
     // chain starting at `settings`, preceded by the positional arguments.
     void printValuesFromSettings(GBSettings& settings);
 
-private:
+  private:
     std::vector<OptionDefinitionRef> registeredOptions_;
     StringBlock applicationName_;
     StringBlock applicationVersion_;

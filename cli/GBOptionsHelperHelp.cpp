@@ -16,11 +16,14 @@ namespace cli {
 namespace {
 
 // The "not found" index of the platform's collections.
-constexpr std::uint64_t kNotFound = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
+constexpr std::uint64_t kNotFound =
+    static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
 
 using Row = std::vector<std::string>;
 
-void printLine(const std::string& text) { std::puts(text.c_str()); }
+void printLine(const std::string& text) {
+    std::puts(text.c_str());
+}
 
 std::string replaceAll(std::string text, const std::string& from, const std::string& to) {
     std::size_t position = 0;

@@ -29,7 +29,8 @@ constexpr std::int64_t kFileWriteNoPermissionError = 513;
 constexpr std::int64_t kFileWriteOutOfSpaceError = 640;
 constexpr std::int64_t kFileWriteVolumeReadOnlyError = 642;
 
-void setFileError(std::optional<NSError>* error, bool reading, int number, const std::string& path) {
+void setFileError(std::optional<NSError>* error, bool reading, int number,
+                  const std::string& path) {
     if (!error) return;
     std::int64_t code = reading ? kFileReadUnknownError : kFileWriteUnknownError;
     if (number == EACCES || number == EPERM) {
@@ -44,8 +45,9 @@ void setFileError(std::optional<NSError>* error, bool reading, int number, const
         code = kFileReadTooLargeError;
     }
     *error = NSError{kCocoaErrorDomain, code,
-                     std::string("The file \xE2\x80\x9C") + path + "\xE2\x80\x9D couldn\xE2\x80\x99t be " +
-                         (reading ? "opened" : "saved") + ". (" + std::strerror(number) + ")"};
+                     std::string("The file \xE2\x80\x9C") + path +
+                         "\xE2\x80\x9D couldn\xE2\x80\x99t be " + (reading ? "opened" : "saved") +
+                         ". (" + std::strerror(number) + ")"};
 }
 
 bool readFile(const std::string& path, std::string& bytes, int& number) {
@@ -95,7 +97,8 @@ mode_t currentUmask() {
     std::ifstream status("/proc/self/status");
     std::string line;
     while (std::getline(status, line)) {
-        if (line.rfind("Umask:", 0) == 0) return static_cast<mode_t>(std::stoul(line.substr(6), nullptr, 8));
+        if (line.rfind("Umask:", 0) == 0)
+            return static_cast<mode_t>(std::stoul(line.substr(6), nullptr, 8));
     }
     return 022;
 }

@@ -30,27 +30,9 @@ constexpr char16_t kNextStepUpperHalf[128] = {
     0x0142, 0x00F8, 0x0153, 0x00DF, 0x00FE, 0x00FF, 0xFFFD, 0xFFFD,  // 0xF8
 };
 
-void appendUTF8(std::string& out, char32_t c) {
-    if (c < 0x80) {
-        out.push_back(static_cast<char>(c));
-    } else if (c < 0x800) {
-        out.push_back(static_cast<char>(0xC0 | (c >> 6)));
-        out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
-    } else if (c < 0x10000) {
-        out.push_back(static_cast<char>(0xE0 | (c >> 12)));
-        out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
-        out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
-    } else {
-        out.push_back(static_cast<char>(0xF0 | (c >> 18)));
-        out.push_back(static_cast<char>(0x80 | ((c >> 12) & 0x3F)));
-        out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
-        out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
-    }
-}
-
 bool isBareStringChar(unsigned char c) {
-    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') ||
-           c == '_' || c == '$' || c == '/' || c == ':' || c == '.' || c == '-';
+    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '_' ||
+           c == '$' || c == '/' || c == ':' || c == '.' || c == '-';
 }
 
 int hexDigitValue(unsigned char c) {
@@ -61,7 +43,7 @@ int hexDigitValue(unsigned char c) {
 }
 
 class Parser {
-public:
+  public:
     explicit Parser(std::string_view text) : text_(text) {}
 
     Value parseTopLevel() {
@@ -83,7 +65,7 @@ public:
 
     const std::string& problem() const { return problem_; }
 
-private:
+  private:
     bool atEnd() const { return pos_ >= text_.size(); }
     unsigned char peek(std::size_t ahead = 0) const {
         return pos_ + ahead < text_.size() ? static_cast<unsigned char>(text_[pos_ + ahead]) : 0;
@@ -271,7 +253,8 @@ private:
                     ++pos_;
                 }
                 if (unit >= 0xDC00 && unit <= 0xDFFF && pendingHigh != 0) {
-                    appendUTF8(out, 0x10000 + ((static_cast<char32_t>(pendingHigh) - 0xD800) << 10) +
+                    appendUTF8(out, 0x10000 +
+                                        ((static_cast<char32_t>(pendingHigh) - 0xD800) << 10) +
                                         (unit - 0xDC00));
                     pendingHigh = 0;
                 } else if (unit >= 0xD800 && unit <= 0xDBFF) {
@@ -295,14 +278,30 @@ private:
                 continue;
             }
             switch (e) {
-                case 'n': out.push_back('\n'); break;
-                case 't': out.push_back('\t'); break;
-                case 'r': out.push_back('\r'); break;
-                case 'a': out.push_back('\a'); break;
-                case 'b': out.push_back('\b'); break;
-                case 'f': out.push_back('\f'); break;
-                case 'v': out.push_back('\v'); break;
-                default: out.push_back(static_cast<char>(e)); break;
+                case 'n':
+                    out.push_back('\n');
+                    break;
+                case 't':
+                    out.push_back('\t');
+                    break;
+                case 'r':
+                    out.push_back('\r');
+                    break;
+                case 'a':
+                    out.push_back('\a');
+                    break;
+                case 'b':
+                    out.push_back('\b');
+                    break;
+                case 'f':
+                    out.push_back('\f');
+                    break;
+                case 'v':
+                    out.push_back('\v');
+                    break;
+                default:
+                    out.push_back(static_cast<char>(e));
+                    break;
             }
         }
         flushPending();
@@ -315,6 +314,24 @@ private:
 };
 
 }  // namespace
+
+void appendUTF8(std::string& out, char32_t c) {
+    if (c < 0x80) {
+        out.push_back(static_cast<char>(c));
+    } else if (c < 0x800) {
+        out.push_back(static_cast<char>(0xC0 | (c >> 6)));
+        out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+    } else if (c < 0x10000) {
+        out.push_back(static_cast<char>(0xE0 | (c >> 12)));
+        out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
+        out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+    } else {
+        out.push_back(static_cast<char>(0xF0 | (c >> 18)));
+        out.push_back(static_cast<char>(0x80 | ((c >> 12) & 0x3F)));
+        out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
+        out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+    }
+}
 
 Value parseOpenStepPropertyList(std::string_view text, std::string* problem) {
     Parser parser(text);

@@ -23,4 +23,7 @@ inline constexpr std::size_t kOpenStepMaxNesting = 512;
 // nesting limit.
 Value parseOpenStepPropertyList(std::string_view text, std::string* problem);
 
+// Appends the UTF-8 form of one code point.
+void appendUTF8(std::string& out, char32_t codePoint);
+
 }  // namespace cli

@@ -24,7 +24,7 @@ inline constexpr GBOptionFlags OptionFlagNoHelp = 0x80;
 inline constexpr GBOptionFlags OptionFlagGroupEnd = 0x400;
 
 class OptionDefinition {
-public:
+  public:
     // One-letter short name; 0 (or anything below 1) for none.
     std::int8_t shortOption() const { return shortOption_; }
     void setShortOption(std::int8_t value) { shortOption_ = value; }
@@ -41,7 +41,7 @@ public:
     GBOptionFlags flags() const { return flags_; }
     void setFlags(GBOptionFlags value) { flags_ = value; }
 
-private:
+  private:
     std::int8_t shortOption_ = 0;
     std::optional<std::string> longOption_;
     std::optional<std::string> description_;

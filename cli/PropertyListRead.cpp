@@ -24,25 +24,8 @@ void setCorrupt(std::optional<NSError>* error, const std::string& detail) {
     if (!error) return;
     *error = NSError{kCocoaErrorDomain, kPropertyListReadCorruptError,
                      "The data couldn\xE2\x80\x99t be read because it isn\xE2\x80\x99t in the "
-                     "correct format. (" + detail + ")"};
-}
-
-void appendUTF8(std::string& out, char32_t c) {
-    if (c < 0x80) {
-        out.push_back(static_cast<char>(c));
-    } else if (c < 0x800) {
-        out.push_back(static_cast<char>(0xC0 | (c >> 6)));
-        out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
-    } else if (c < 0x10000) {
-        out.push_back(static_cast<char>(0xE0 | (c >> 12)));
-        out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
-        out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
-    } else {
-        out.push_back(static_cast<char>(0xF0 | (c >> 18)));
-        out.push_back(static_cast<char>(0x80 | ((c >> 12) & 0x3F)));
-        out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
-        out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
-    }
+                     "correct format. (" +
+                         detail + ")"};
 }
 
 bool startsWith(std::string_view bytes, std::string_view prefix) {
@@ -203,8 +186,7 @@ Value valueFromNode(plist_t node, std::size_t depth) {
             // XML form spells it with.
             std::uint64_t uid = 0;
             plist_get_uid_val(node, &uid);
-            return Value::dictionary(
-                {{"CF$UID", Value::numberWithUnsignedInteger(uid)}});
+            return Value::dictionary({{"CF$UID", Value::numberWithUnsignedInteger(uid)}});
         }
         case PLIST_ARRAY: {
             std::vector<Value> elements;

@@ -22,7 +22,7 @@ bool lessInUTF16Order(const std::string& a, const std::string& b) {
 }
 
 class Writer {
-public:
+  public:
     bool write(const Value& value, std::size_t depth) {
         switch (value.kind()) {
             case Value::Kind::Nil:
@@ -57,7 +57,7 @@ public:
     std::string& output() { return out_; }
     const std::string& problem() const { return problem_; }
 
-private:
+  private:
     bool invalid(const std::string& why) {
         problem_ = why;
         return false;
@@ -74,10 +74,18 @@ private:
         out.reserve(text.size());
         for (char c : text) {
             switch (c) {
-                case '&': out += "&amp;"; break;
-                case '<': out += "&lt;"; break;
-                case '>': out += "&gt;"; break;
-                default: out += c; break;
+                case '&':
+                    out += "&amp;";
+                    break;
+                case '<':
+                    out += "&lt;";
+                    break;
+                case '>':
+                    out += "&gt;";
+                    break;
+                default:
+                    out += c;
+                    break;
             }
         }
         return out;
@@ -95,7 +103,8 @@ private:
             case Value::NumberType::Double: {
                 const double d = value.doubleValue();
                 if (std::isnan(d)) return "<real>nan</real>";
-                if (std::isinf(d)) return d > 0 ? "<real>+infinity</real>" : "<real>-infinity</real>";
+                if (std::isinf(d))
+                    return d > 0 ? "<real>+infinity</real>" : "<real>-infinity</real>";
                 if (d == 0.0) return "<real>0.0</real>";
                 std::snprintf(buffer, sizeof buffer, "%.17g", d);
                 return std::string("<real>") + buffer + "</real>";
@@ -113,8 +122,8 @@ private:
         gmtime_r(&whole, &parts);
         char buffer[64];
         std::snprintf(buffer, sizeof buffer, "%04lld-%02d-%02dT%02d:%02d:%02dZ",
-                      static_cast<long long>(parts.tm_year) + 1900, parts.tm_mon + 1,
-                      parts.tm_mday, parts.tm_hour, parts.tm_min, parts.tm_sec);
+                      static_cast<long long>(parts.tm_year) + 1900, parts.tm_mon + 1, parts.tm_mday,
+                      parts.tm_hour, parts.tm_min, parts.tm_sec);
         return buffer;
     }
 
@@ -163,8 +172,9 @@ private:
             if (!isValidUTF8(entry.first)) return invalid("key is not UTF-8");
             keys.push_back(&entry.first);
         }
-        std::sort(keys.begin(), keys.end(),
-                  [](const std::string* a, const std::string* b) { return lessInUTF16Order(*a, *b); });
+        std::sort(keys.begin(), keys.end(), [](const std::string* a, const std::string* b) {
+            return lessInUTF16Order(*a, *b);
+        });
         line(depth, "<dict>");
         for (const std::string* key : keys) {
             line(depth + 1, "<key>" + escaped(*key) + "</key>");

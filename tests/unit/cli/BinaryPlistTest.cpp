@@ -19,7 +19,8 @@ struct BinaryBuilder {
     std::vector<std::uint64_t> offsets;
 
     static void bigEndian(std::string& out, std::uint64_t value, int size) {
-        for (int i = size - 1; i >= 0; --i) out.push_back(static_cast<char>((value >> (8 * i)) & 0xFF));
+        for (int i = size - 1; i >= 0; --i)
+            out.push_back(static_cast<char>((value >> (8 * i)) & 0xFF));
     }
     void array(const std::vector<std::uint32_t>& references) {
         offsets.push_back(8 + objects.size());
@@ -204,7 +205,8 @@ TEST(BinaryPlistTest, GarbageAfterTheMagicIsRefused) {
     for (int round = 0; round < 500; ++round) {
         std::string garbage = "bplist00";
         const std::size_t size = random() % 200;
-        for (std::size_t i = 0; i < size; ++i) garbage.push_back(static_cast<char>(random() & 0xFF));
+        for (std::size_t i = 0; i < size; ++i)
+            garbage.push_back(static_cast<char>(random() & 0xFF));
         std::optional<NSError> error;
         const Value value = propertyListFromData(garbage, &error);
         EXPECT_EQ(value.isNil(), error.has_value());

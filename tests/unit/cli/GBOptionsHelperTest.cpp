@@ -175,7 +175,8 @@ TEST(GBOptionsHelperTest, EnumerationVisitsEveryRecordInRegistrationOrder) {
     options.registerGroup("G", "", [](GBOptionsHelper& o) { o.registerOption('a', "a", "", 2); });
     options.registerOption(0, "b", "", 0);
     std::vector<GBOptionFlags> flags;
-    options.enumerateOptions([&](OptionDefinition& option, bool*) { flags.push_back(option.flags()); });
+    options.enumerateOptions(
+        [&](OptionDefinition& option, bool*) { flags.push_back(option.flags()); });
     EXPECT_EQ(flags, (std::vector<GBOptionFlags>{0x8, 0x10, 2, 0x400, 0}));
 }
 

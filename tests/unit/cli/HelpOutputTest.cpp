@@ -123,8 +123,7 @@ TEST(HelpOutputTest, MissingOrNonAsciiShortNameShowsTwoBlanks) {
     options.registerOption(static_cast<std::int8_t>(0xE9), "high", "h", 2);
     options.registerOption(-1, "minus", "m", 2);
     options.registerOption('q', "quiet", "q", 2);
-    EXPECT_EQ(helpOf(options),
-              "\n   --zero  z \n   --high  h \n   --minus m \n-q --quiet q \n\n");
+    EXPECT_EQ(helpOf(options), "\n   --zero  z \n   --high  h \n   --minus m \n-q --quiet q \n\n");
 }
 
 TEST(HelpOutputTest, RequirementThreeHasNoValueMark) {
@@ -215,8 +214,7 @@ TEST(PlaceholderTest, EveryOccurrenceIsReplacedAndBuildFillsItsPlaceholder) {
 
 TEST(PlaceholderTest, AbsentBlockPrintsAnEmptyLine) {
     GBOptionsHelper options;
-    EXPECT_EQ(captureStdout([&] { options.replacePlaceholdersAndPrintStringFromBlock({}); }),
-              "\n");
+    EXPECT_EQ(captureStdout([&] { options.replacePlaceholdersAndPrintStringFromBlock({}); }), "\n");
 }
 
 TEST(PlaceholderTest, EachBlockIsAskedAgainAtEveryUse) {

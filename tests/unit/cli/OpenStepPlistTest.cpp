@@ -33,7 +33,8 @@ TEST(OpenStepPlistTest, KeyWithoutValueStoresItselfAsItsValue) {
 }
 
 TEST(OpenStepPlistTest, NestedArraysDictionariesAndData) {
-    const Value root = parse("{ list = (a, \"b c\", (d), {e = f;}, <0fA3 b2>); empty = (); none = {}; }");
+    const Value root =
+        parse("{ list = (a, \"b c\", (d), {e = f;}, <0fA3 b2>); empty = (); none = {}; }");
     const Value list = root.objectForKey("list");
     ASSERT_TRUE(list.isArray());
     ASSERT_EQ(list.count(), 5u);
@@ -53,8 +54,9 @@ TEST(OpenStepPlistTest, TrailingCommaInAnArrayIsAccepted) {
 }
 
 TEST(OpenStepPlistTest, CommentsAndUnicodeLineSeparatorsAreBlanks) {
-    const Value root =
-        parse("// leading comment\n{ /* inline */ a = b; // to the end\n\xE2\x80\xA8 c = d;\xE2\x80\xA9 }");
+    const Value root = parse(
+        "// leading comment\n{ /* inline */ a = b; // to the end\n\xE2\x80\xA8 c = d;\xE2\x80\xA9 "
+        "}");
     EXPECT_EQ(root.objectForKey("a").stringValue(), "b");
     EXPECT_EQ(root.objectForKey("c").stringValue(), "d");
 }
@@ -106,23 +108,23 @@ TEST(OpenStepPlistTest, RepeatedKeyKeepsTheLastValue) {
 
 TEST(OpenStepPlistTest, MalformedInputIsRejected) {
     const char* bad[] = {
-        "{ a = b }",          // missing ';'
-        "{ a = b; ",          // unterminated dictionary
-        "{ (a) = b; }",       // key not a string
-        "{ a b; }",           // neither '=' nor ';'
-        "(a, b",              // unterminated array
-        "(a b)",              // missing comma
-        "(,)",                // empty element
-        "<0fa>",              // odd number of hex digits
-        "<0g>",               // not a hex digit
-        "<0f",                // unterminated data
-        "\"open",             // unterminated string
-        "{ a = \"b; }",       // unterminated string inside
-        "(a) junk",           // junk after the property list
-        "{} {}",              // junk after the property list
-        "= b;",               // no object
-        "{ a = ; }",          // missing value
-        "\"k\" = v; oops",    // strings file without ';'
+        "{ a = b }",        // missing ';'
+        "{ a = b; ",        // unterminated dictionary
+        "{ (a) = b; }",     // key not a string
+        "{ a b; }",         // neither '=' nor ';'
+        "(a, b",            // unterminated array
+        "(a b)",            // missing comma
+        "(,)",              // empty element
+        "<0fa>",            // odd number of hex digits
+        "<0g>",             // not a hex digit
+        "<0f",              // unterminated data
+        "\"open",           // unterminated string
+        "{ a = \"b; }",     // unterminated string inside
+        "(a) junk",         // junk after the property list
+        "{} {}",            // junk after the property list
+        "= b;",             // no object
+        "{ a = ; }",        // missing value
+        "\"k\" = v; oops",  // strings file without ';'
     };
     for (const char* text : bad) {
         std::string problem;

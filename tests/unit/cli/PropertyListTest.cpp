@@ -59,13 +59,14 @@ TEST(PropertyListWriteTest, XmlHasFoundationsExactLayout) {
 }
 
 TEST(PropertyListWriteTest, ScalarsUseTheirFoundationForms) {
-    const Value root = Value::array({
-        Value::numberWithDouble(3.5), Value::numberWithDouble(2.0), Value::numberWithDouble(1e16),
-        Value::numberWithDouble(1e20), Value::numberWithDouble(0.0), Value::numberWithDouble(-0.0),
-        Value::numberWithDouble(NAN), Value::numberWithDouble(INFINITY),
-        Value::numberWithDouble(-INFINITY), Value::numberWithUnsignedInteger(18446744073709551615ull),
-        Value::numberWithBool(false), Value::numberWithChar(7), Value::numberWithInt(-3),
-        Value("quotes \" ' and <tags> stay raw\x01"), Value::dictionary()});
+    const Value root = Value::array(
+        {Value::numberWithDouble(3.5), Value::numberWithDouble(2.0), Value::numberWithDouble(1e16),
+         Value::numberWithDouble(1e20), Value::numberWithDouble(0.0), Value::numberWithDouble(-0.0),
+         Value::numberWithDouble(NAN), Value::numberWithDouble(INFINITY),
+         Value::numberWithDouble(-INFINITY),
+         Value::numberWithUnsignedInteger(18446744073709551615ull), Value::numberWithBool(false),
+         Value::numberWithChar(7), Value::numberWithInt(-3),
+         Value("quotes \" ' and <tags> stay raw\x01"), Value::dictionary()});
     EXPECT_EQ(xmlOf(root), std::string(kXmlHead) +
                                "<array>\n"
                                "\t<real>3.5</real>\n"
@@ -109,8 +110,8 @@ TEST(PropertyListWriteTest, DataLinesNarrowWithTheIndent) {
 TEST(PropertyListWriteTest, KeysAreSortedByUtf16CodeUnits) {
     // U+FF21 sorts after the surrogates of U+1F389 in UTF-16, though its
     // UTF-8 bytes sort before them.
-    const Value root = Value::dictionary({{"\xEF\xBC\xA1", "1"}, {"\xF0\x9F\x8E\x89", "2"},
-                                          {"a", "3"}, {"B", "4"}});
+    const Value root = Value::dictionary(
+        {{"\xEF\xBC\xA1", "1"}, {"\xF0\x9F\x8E\x89", "2"}, {"a", "3"}, {"B", "4"}});
     const std::string xml = xmlOf(root);
     const std::size_t b = xml.find("<key>B</key>");
     const std::size_t a = xml.find("<key>a</key>");
@@ -211,8 +212,8 @@ TEST(PropertyListReadTest, MalformedInputIsCorruptData) {
         "<plist><dict><string>a</string></dict></plist>",
         "<plist><unknown/></plist>",
         std::string("\xFF\xFE{\0\0\xD8}\0", 8),  // lone surrogate
-        std::string("\xFF\xFE{", 3),              // odd UTF-16 length
-        "{ a = \xFF; }",                          // not UTF-8
+        std::string("\xFF\xFE{", 3),             // odd UTF-16 length
+        "{ a = \xFF; }",                         // not UTF-8
         "bplist00",
     };
     for (const std::string& bytes : bad) EXPECT_TRUE(read(bytes).isNil()) << bytes;

@@ -16,7 +16,7 @@ namespace cli {
 namespace {
 
 class SettingsPlistTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         char pattern[] = "/tmp/settings-plist-XXXXXX";
         ASSERT_NE(mkdtemp(pattern), nullptr);
@@ -176,21 +176,20 @@ TEST_F(SettingsPlistTest, SavedFileIsTheLevelsStorageAsXml) {
     level->setInteger(3, "count");
     level->addArgument("x");
     ASSERT_TRUE(level->saveSettingsToPlist(path("out.plist"), nullptr));
-    EXPECT_EQ(contents(path("out.plist")),
-              std::string(kXmlHead) +
-                  "<dict>\n"
-                  "\t<key>B450A340-EC4F-40EC-B18D-B52DB881A16A</key>\n"
-                  "\t<array>\n"
-                  "\t\t<string>x</string>\n"
-                  "\t</array>\n"
-                  "\t<key>config</key>\n"
-                  "\t<string>a.conf</string>\n"
-                  "\t<key>count</key>\n"
-                  "\t<integer>3</integer>\n"
-                  "\t<key>verbose</key>\n"
-                  "\t<true/>\n"
-                  "</dict>\n"
-                  "</plist>\n");
+    EXPECT_EQ(contents(path("out.plist")), std::string(kXmlHead) +
+                                               "<dict>\n"
+                                               "\t<key>B450A340-EC4F-40EC-B18D-B52DB881A16A</key>\n"
+                                               "\t<array>\n"
+                                               "\t\t<string>x</string>\n"
+                                               "\t</array>\n"
+                                               "\t<key>config</key>\n"
+                                               "\t<string>a.conf</string>\n"
+                                               "\t<key>count</key>\n"
+                                               "\t<integer>3</integer>\n"
+                                               "\t<key>verbose</key>\n"
+                                               "\t<true/>\n"
+                                               "</dict>\n"
+                                               "</plist>\n");
     // Parents are not saved.
     GBSettingsRef child = GBSettings::settingsWithName("Child", level);
     ASSERT_TRUE(child->saveSettingsToPlist(path("child.plist"), nullptr));
@@ -230,9 +229,9 @@ TEST_F(SettingsPlistTest, SavingIntoAMissingFolderFailsWithAFileError) {
 
 TEST_F(SettingsPlistTest, DictionaryValueComesBackAsSeparateKeys) {
     GBSettingsRef level = GBSettings::settingsWithName("L", nullptr);
-    level->setObject(Value::dictionary({{"host", "h"},
-                                        {"nested", Value::dictionary({{"deep", "d"}})}}),
-                     "server");
+    level->setObject(
+        Value::dictionary({{"host", "h"}, {"nested", Value::dictionary({{"deep", "d"}})}}),
+        "server");
     ASSERT_TRUE(level->saveSettingsToPlist(path("d.plist"), nullptr));
     GBSettingsRef fresh = GBSettings::settingsWithName("Fresh", nullptr);
     ASSERT_TRUE(fresh->loadSettingsFromPlist(path("d.plist"), nullptr));
@@ -260,11 +259,15 @@ TEST_F(SettingsPlistTest, CorruptFilesFailWithAnErrorAndChangeNothing) {
         "<plist><dict><key>a</key><string>b</string>",
         std::string("bplist00") + std::string(40, '\xFF'),
         std::string(100000, '(') + std::string(100000, ')'),
-        "<plist>" + std::string(100000 * 7, ' ').replace(0, 0, [] {
-            std::string s;
-            for (int i = 0; i < 100000; ++i) s += "<array>";
-            return s;
-        }()) + "</plist>",
+        "<plist>" +
+            std::string(100000 * 7, ' ')
+                .replace(0, 0,
+                         [] {
+                             std::string s;
+                             for (int i = 0; i < 100000; ++i) s += "<array>";
+                             return s;
+                         }()) +
+            "</plist>",
     };
     for (const std::string& bytes : cases) {
         const std::string file = write("bad.plist", bytes);

@@ -48,8 +48,7 @@ TEST(ValuesReportTest, WithOneLevelArgumentsCarryNoLevelName) {
     only->setObject("a.conf", "config");
     only->addArgument("x");
     only->addArgument("y");
-    EXPECT_EQ(reportOf(options, *only),
-              "\n\n- x\n- y\n\n\nOption Only   \nconfig a.conf \n\n");
+    EXPECT_EQ(reportOf(options, *only), "\n\n- x\n- y\n\n\nOption Only   \nconfig a.conf \n\n");
 }
 
 TEST(ValuesReportTest, ArgumentFromTheParentIsAttributedToTheParent) {
@@ -137,9 +136,8 @@ TEST(ValuesReportTest, TwoSeparatorsInARowLeaveOnlyTheSecond) {
 
 TEST(ValuesReportTest, GroupTitlesAreNotPaddedAndLongTitlesGetNoBlank) {
     GBOptionsHelper options;
-    options.registerGroup("Network", "server options", [](GBOptionsHelper& o) {
-        o.registerOption(0, "host", "", 0);
-    });
+    options.registerGroup("Network", "server options",
+                          [](GBOptionsHelper& o) { o.registerOption(0, "host", "", 0); });
     options.registerGroup("G", "", [](GBOptionsHelper&) {});
     GBSettingsRef only = GBSettings::settingsWithName("L", nullptr);
     only->setObject("example.org", "host");
@@ -171,8 +169,7 @@ TEST(ValuesReportTest, ColumnsFollowTheChainOutwardFromTheGivenLevel) {
     base->setObject("1", "k");
     top->setObject("3", "k");
     EXPECT_EQ(reportOf(options, *middle), "\n\nOption Middle Base \nk             1    \n\n");
-    EXPECT_EQ(reportOf(options, *top),
-              "\n\nOption Top Middle Base \nk      3          1    \n\n");
+    EXPECT_EQ(reportOf(options, *top), "\n\nOption Top Middle Base \nk      3          1    \n\n");
 }
 
 }  // namespace
