@@ -227,6 +227,19 @@ TEST_F(SettingsPlistTest, SavingIntoAMissingFolderFailsWithAFileError) {
     EXPECT_NE(error->description.find("folder.plist"), std::string::npos);
 }
 
+TEST_F(SettingsPlistTest, SavingOverAFolderFailsAndLeavesNoTemporaryFile) {
+    ASSERT_EQ(::mkdir(path("taken").c_str(), 0700), 0);
+    GBSettingsRef level = GBSettings::settingsWithName("L", nullptr);
+    level->setObject("v", "k");
+    std::optional<NSError> error;
+    EXPECT_FALSE(level->saveSettingsToPlist(path("taken"), &error));
+    ASSERT_TRUE(error.has_value());
+    EXPECT_EQ(error->domain, "NSCocoaErrorDomain");
+    EXPECT_EQ(error->code, 512);
+    EXPECT_EQ(entries(), std::vector<std::string>{"taken"});
+    ::rmdir(path("taken").c_str());
+}
+
 TEST_F(SettingsPlistTest, DictionaryValueComesBackAsSeparateKeys) {
     GBSettingsRef level = GBSettings::settingsWithName("L", nullptr);
     level->setObject(
