@@ -10,30 +10,32 @@ using namespace platform;
 
 std::string NSStringFromNEVPNStatus(NEVPNStatus status) {
     switch (status) {
-    case NEVPNStatusInvalid:
-        return "IKEv2 Invalid Status";
-    case NEVPNStatusDisconnected:
-        return "IKEv2 Disconnected";
-    case NEVPNStatusConnecting:
-        return "IKEv2 Connecting";
-    case NEVPNStatusConnected:
-        return "IKEv2 Connected";
-    case NEVPNStatusReasserting:
-        return "IKEv2 Reconnecting";
-    case NEVPNStatusDisconnecting:
-        return "IKEv2 Disconnecting";
+        case NEVPNStatusInvalid:
+            return "IKEv2 Invalid Status";
+        case NEVPNStatusDisconnected:
+            return "IKEv2 Disconnected";
+        case NEVPNStatusConnecting:
+            return "IKEv2 Connecting";
+        case NEVPNStatusConnected:
+            return "IKEv2 Connected";
+        case NEVPNStatusReasserting:
+            return "IKEv2 Reconnecting";
+        case NEVPNStatusDisconnecting:
+            return "IKEv2 Disconnecting";
     }
     return "IKEv2 Unknown Status";
 }
 
-OVConnectorIKEv2::OVConnectorIKEv2(OptionalString server, OptionalString username, OptionalString password)
+OVConnectorIKEv2::OVConnectorIKEv2(OptionalString server, OptionalString username,
+                                   OptionalString password)
     : password_(std::move(password)),
       username_(std::move(username)),
       server_(std::move(server)),
       remoteID_(kDefaultRemoteID),
       lastDisconnectError_("") {}
 
-std::shared_ptr<OVConnectorIKEv2> OVConnectorIKEv2::initWithServer(OptionalString server, OptionalString username,
+std::shared_ptr<OVConnectorIKEv2> OVConnectorIKEv2::initWithServer(OptionalString server,
+                                                                   OptionalString username,
                                                                    OptionalString password) {
     return std::shared_ptr<OVConnectorIKEv2>(
         new OVConnectorIKEv2(std::move(server), std::move(username), std::move(password)));
@@ -65,7 +67,8 @@ void OVConnectorIKEv2::connect() {
 void OVConnectorIKEv2::createConnection() {
     vpnManager_ = &NEVPNManager::sharedManager();
     auto self = shared_from_this();
-    vpnManager_->loadFromPreferences([self](const OptionalError& error) { self->loadCompleted(error); });
+    vpnManager_->loadFromPreferences(
+        [self](const OptionalError& error) { self->loadCompleted(error); });
 }
 
 void OVConnectorIKEv2::loadCompleted(const OptionalError& error) {
@@ -92,18 +95,23 @@ void OVConnectorIKEv2::loadCompleted(const OptionalError& error) {
     protocol.enablePFS = true;
     protocol.disconnectOnSleep = true;
     protocol.deadPeerDetectionRate = NEVPNIKEv2DeadPeerDetectionRateHigh;
-    protocol.IKESecurityAssociationParameters.encryptionAlgorithm = NEVPNIKEv2EncryptionAlgorithmAES256;
-    protocol.IKESecurityAssociationParameters.integrityAlgorithm = NEVPNIKEv2IntegrityAlgorithmSHA256;
+    protocol.IKESecurityAssociationParameters.encryptionAlgorithm =
+        NEVPNIKEv2EncryptionAlgorithmAES256;
+    protocol.IKESecurityAssociationParameters.integrityAlgorithm =
+        NEVPNIKEv2IntegrityAlgorithmSHA256;
     protocol.IKESecurityAssociationParameters.diffieHellmanGroup = NEVPNIKEv2DiffieHellmanGroup14;
-    protocol.childSecurityAssociationParameters.encryptionAlgorithm = NEVPNIKEv2EncryptionAlgorithmAES256;
-    protocol.childSecurityAssociationParameters.integrityAlgorithm = NEVPNIKEv2IntegrityAlgorithmSHA256;
+    protocol.childSecurityAssociationParameters.encryptionAlgorithm =
+        NEVPNIKEv2EncryptionAlgorithmAES256;
+    protocol.childSecurityAssociationParameters.integrityAlgorithm =
+        NEVPNIKEv2IntegrityAlgorithmSHA256;
     protocol.childSecurityAssociationParameters.diffieHellmanGroup = NEVPNIKEv2DiffieHellmanGroup14;
 
     vpnManager_->setProtocolConfiguration(std::move(protocol));
     vpnManager_->setEnabled(true);
     vpnManager_->setLocalizedDescription(std::string(kVPNProfileName));
     auto self = shared_from_this();
-    vpnManager_->saveToPreferences([self](const OptionalError& saveError) { self->saveCompleted(saveError); });
+    vpnManager_->saveToPreferences(
+        [self](const OptionalError& saveError) { self->saveCompleted(saveError); });
 }
 
 void OVConnectorIKEv2::saveCompleted(const OptionalError& error) {
@@ -130,17 +138,20 @@ void OVConnectorIKEv2::startTunnel(const OptionalError& saveError) {
     const NEVPNStartOptions options{*username_, *password_};
     NEVPNConnection* connection = vpnManager_ ? vpnManager_->connection() : nullptr;
     // With no connection the request cannot go out; that is a refused start.
-    const OptionalError startError =
-        connection ? connection->startVPNTunnel(options) : OptionalError(NSError{0, "no connection"});
+    const OptionalError startError = connection ? connection->startVPNTunnel(options)
+                                                : OptionalError(NSError{0, "no connection"});
     if (startError) {
         // Deliberately the save handler's error, not the start error.
-        DDLogInfo("IKEv2 Error starting vpn tunnel: {}",
-                  saveError ? std::string_view(saveError->description) : std::string_view("(null)"));
+        DDLogInfo(
+            "IKEv2 Error starting vpn tunnel: {}",
+            saveError ? std::string_view(saveError->description) : std::string_view("(null)"));
         std::exit(1);
     }
 }
 
-void OVConnectorIKEv2::disconnect() { disconnectWithError(std::nullopt); }
+void OVConnectorIKEv2::disconnect() {
+    disconnectWithError(std::nullopt);
+}
 
 void OVConnectorIKEv2::disconnectWithError(const OptionalString& error) {
     if (!connecting_ && !connected_) {

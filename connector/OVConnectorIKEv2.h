@@ -37,12 +37,13 @@ inline std::string_view orNull(const std::optional<std::string>& text) {
 }
 
 class OVConnectorIKEv2 : public std::enable_shared_from_this<OVConnectorIKEv2> {
-public:
+  public:
     using OptionalString = std::optional<std::string>;
     using TimePoint = platform::SystemClock::time_point;
 
     // initWithServer:username:password: and initWithConfigFile:.
-    static std::shared_ptr<OVConnectorIKEv2> initWithServer(OptionalString server, OptionalString username,
+    static std::shared_ptr<OVConnectorIKEv2> initWithServer(OptionalString server,
+                                                            OptionalString username,
                                                             OptionalString password);
     static std::shared_ptr<OVConnectorIKEv2> initWithConfigFile(const std::string& path);
 
@@ -81,7 +82,7 @@ public:
     const OptionalString& lastDisconnectError() const { return lastDisconnectError_; }
     void setLastDisconnectError(OptionalString value) { lastDisconnectError_ = std::move(value); }
 
-private:
+  private:
     OVConnectorIKEv2(OptionalString server, OptionalString username, OptionalString password);
 
     void loadCompleted(const platform::OptionalError& error);

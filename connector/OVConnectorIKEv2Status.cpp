@@ -11,36 +11,36 @@ void OVConnectorIKEv2::vpnStatusChanged() {
     const NEVPNStatus status = connection ? connection->status() : NEVPNStatusInvalid;
 
     switch (status) {
-    case NEVPNStatusDisconnected:
-        if (!connecting_ && !connected_) {
-            break;
-        }
-        // A nil reason is not the empty string: it skips the search and is
-        // reported as (null).
-        if (lastDisconnectError_ && lastDisconnectError_->empty()) {
-            lastDisconnectError_ = fetchLastDisconnectError();
-        }
-        if (lastDisconnectError_ && lastDisconnectError_->empty()) {
-            std::exit(0);
-        }
-        DDLogInfo("IKEv2 Last disconnect error: {}", orNull(lastDisconnectError_));
-        std::exit(1);
-    case NEVPNStatusReasserting:
-        disconnectWithError(std::string("Reconnect needed"));
-        break;
-    case NEVPNStatusConnected:
-        connected_ = true;
-        lastDisconnectError_ = "";
-        if (connecting_) {
-            connecting_ = false;
-            const OptionalString interface = adapterId();
-            if (!interface || !interface->empty()) {
-                DDLogInfo("IKEv2 Interface {}", orNull(interface));
+        case NEVPNStatusDisconnected:
+            if (!connecting_ && !connected_) {
+                break;
             }
-        }
-        break;
-    default:
-        break;
+            // A nil reason is not the empty string: it skips the search and is
+            // reported as (null).
+            if (lastDisconnectError_ && lastDisconnectError_->empty()) {
+                lastDisconnectError_ = fetchLastDisconnectError();
+            }
+            if (lastDisconnectError_ && lastDisconnectError_->empty()) {
+                std::exit(0);
+            }
+            DDLogInfo("IKEv2 Last disconnect error: {}", orNull(lastDisconnectError_));
+            std::exit(1);
+        case NEVPNStatusReasserting:
+            disconnectWithError(std::string("Reconnect needed"));
+            break;
+        case NEVPNStatusConnected:
+            connected_ = true;
+            lastDisconnectError_ = "";
+            if (connecting_) {
+                connecting_ = false;
+                const OptionalString interface = adapterId();
+                if (!interface || !interface->empty()) {
+                    DDLogInfo("IKEv2 Interface {}", orNull(interface));
+                }
+            }
+            break;
+        default:
+            break;
     }
     DDLogInfo("{}", NSStringFromNEVPNStatus(status));
 }

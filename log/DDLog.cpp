@@ -5,11 +5,11 @@
 #include <spdlog/logger.h>
 #include <spdlog/sinks/base_sink.h>
 
+#include <unistd.h>
 #include <cerrno>
 #include <cstdlib>
 #include <memory>
 #include <mutex>
-#include <unistd.h>
 
 std::int32_t ddLogLevel = DDLogLevelInfo;
 
@@ -19,7 +19,7 @@ namespace {
 // bytes in the same order as a queued logger that is drained before exit,
 // with nothing to lose when the process ends through exit() from any path.
 class TerminalSink final : public spdlog::sinks::base_sink<std::mutex> {
-protected:
+  protected:
     void sink_it_(const spdlog::details::log_msg& msg) override {
         const std::string line = DDTTYLogger::formatLine(msg);
         const int savedErrno = errno;
@@ -47,21 +47,23 @@ spdlog::logger* ttyLogger = nullptr;
 
 spdlog::level::level_enum levelFor(DDLogFlag flag) {
     switch (flag) {
-    case DDLogFlagError:
-        return spdlog::level::err;
-    case DDLogFlagWarning:
-        return spdlog::level::warn;
-    case DDLogFlagInfo:
-        return spdlog::level::info;
-    case DDLogFlagDebug:
-        return spdlog::level::debug;
-    case DDLogFlagVerbose:
-        return spdlog::level::trace;
+        case DDLogFlagError:
+            return spdlog::level::err;
+        case DDLogFlagWarning:
+            return spdlog::level::warn;
+        case DDLogFlagInfo:
+            return spdlog::level::info;
+        case DDLogFlagDebug:
+            return spdlog::level::debug;
+        case DDLogFlagVerbose:
+            return spdlog::level::trace;
     }
     return spdlog::level::info;
 }
 
-void flushAtExit() { DDLog::flushLog(); }
+void flushAtExit() {
+    DDLog::flushLog();
+}
 
 }  // namespace
 

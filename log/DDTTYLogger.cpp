@@ -5,12 +5,12 @@
 
 #include <fmt/format.h>
 
+#include <errno.h>
+#include <unistd.h>
 #include <cerrno>
 #include <chrono>
 #include <ctime>
-#include <errno.h>
 #include <iterator>
-#include <unistd.h>
 
 std::string DDTTYLogger::processName() {
     const char* name = program_invocation_short_name;
@@ -40,8 +40,8 @@ std::string DDTTYLogger::formatLine(const spdlog::details::log_msg& msg) {
 
     fmt::memory_buffer out;
     fmt::format_to(std::back_inserter(out), "{:04}-{:02}-{:02} {:02}:{:02}:{:02}:{:03} {}[{}:{}] ",
-                   local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min,
-                   local.tm_sec, millis, name, pid, threadId);
+                   local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour,
+                   local.tm_min, local.tm_sec, millis, name, pid, threadId);
     out.append(msg.payload.data(), msg.payload.data() + msg.payload.size());
     out.push_back('\n');
     return std::string(out.data(), out.size());

@@ -18,7 +18,7 @@ struct log_msg;
 }
 
 class DDTTYLogger {
-public:
+  public:
     // Formats one message as the line written to the terminal, newline included.
     static std::string formatLine(const spdlog::details::log_msg& msg);
     // The process name shown on every line.

@@ -5,11 +5,11 @@
 #include <asio/post.hpp>
 #include <asio/steady_timer.hpp>
 
-#include <cerrno>
 #include <fcntl.h>
+#include <unistd.h>
+#include <cerrno>
 #include <memory>
 #include <optional>
-#include <unistd.h>
 
 namespace platform {
 
@@ -33,19 +33,21 @@ SignalWatch& signalWatch() {
 // Keeps the loop waiting for the end of a slice even when nothing is queued,
 // so that slices last as long as they were asked to.
 std::optional<asio::executor_work_guard<asio::io_context::executor_type>>& workGuard() {
-    static auto* guard = new std::optional<asio::executor_work_guard<asio::io_context::executor_type>>;
+    static auto* guard =
+        new std::optional<asio::executor_work_guard<asio::io_context::executor_type>>;
     return *guard;
 }
 
 void armSignalWait(RunLoop& loop) {
     SignalWatch& watch = signalWatch();
-    watch.descriptor->async_wait(asio::posix::stream_descriptor::wait_read, [&loop](const asio::error_code& error) {
-        if (error) {
-            return;
-        }
-        loop.deliverPendingSignals();
-        armSignalWait(loop);
-    });
+    watch.descriptor->async_wait(asio::posix::stream_descriptor::wait_read,
+                                 [&loop](const asio::error_code& error) {
+                                     if (error) {
+                                         return;
+                                     }
+                                     loop.deliverPendingSignals();
+                                     armSignalWait(loop);
+                                 });
 }
 
 }  // namespace
@@ -56,7 +58,9 @@ RunLoop& RunLoop::main() {
     return *loop;
 }
 
-RunLoop::RunLoop() { workGuard().emplace(asio::make_work_guard(context_)); }
+RunLoop::RunLoop() {
+    workGuard().emplace(asio::make_work_guard(context_));
+}
 
 void RunLoop::runUntil(Clock::time_point deadline) {
     context_.restart();
@@ -76,7 +80,9 @@ void RunLoop::run() {
     context_.run();
 }
 
-void RunLoop::stop() { context_.stop(); }
+void RunLoop::stop() {
+    context_.stop();
+}
 
 void RunLoop::dispatchAfter(std::chrono::nanoseconds delay, std::function<void()> block) {
     auto timer = std::make_shared<asio::steady_timer>(context_, delay);
@@ -87,7 +93,9 @@ void RunLoop::dispatchAfter(std::chrono::nanoseconds delay, std::function<void()
     });
 }
 
-void RunLoop::post(std::function<void()> block) { asio::post(context_, std::move(block)); }
+void RunLoop::post(std::function<void()> block) {
+    asio::post(context_, std::move(block));
+}
 
 void RunLoop::watchSignals(std::function<void(int signo)> handler) {
     SignalWatch& watch = signalWatch();

@@ -13,7 +13,9 @@ std::vector<StatusObserver>& observers() {
 
 }  // namespace
 
-void addStatusObserver(StatusObserver observer) { observers().push_back(std::move(observer)); }
+void addStatusObserver(StatusObserver observer) {
+    observers().push_back(std::move(observer));
+}
 
 void postStatusDidChange() {
     // A copy: an observer may add observers, or end the process, while the
@@ -24,6 +26,8 @@ void postStatusDidChange() {
     }
 }
 
-void removeAllStatusObservers() { observers().clear(); }
+void removeAllStatusObservers() {
+    observers().clear();
+}
 
 }  // namespace platform

@@ -22,7 +22,8 @@ RunMode run_mode(const cli::GBSettings& settings) {
     return mode;
 }
 
-std::shared_ptr<OVConnectorIKEv2> build_connector(const cli::GBSettings& settings, const RunMode& mode) {
+std::shared_ptr<OVConnectorIKEv2> build_connector(const cli::GBSettings& settings,
+                                                  const RunMode& mode) {
     const cli::Value config = settings.objectForKey("config");
     if (!config.isNil()) {
         // Used verbatim: a relative path is taken from the working directory.
@@ -36,7 +37,8 @@ std::shared_ptr<OVConnectorIKEv2> build_connector(const cli::GBSettings& setting
     if (mode.checkOnly || mode.createOnly) {
         std::string server = random_ip();
         std::string username = random_username();
-        return OVConnectorIKEv2::initWithServer(std::move(server), std::move(username), std::string(""));
+        return OVConnectorIKEv2::initWithServer(std::move(server), std::move(username),
+                                                std::string(""));
     }
     DDLogError("Must provide a config file to start vpn tunnel!");
     std::exit(1);

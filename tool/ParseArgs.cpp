@@ -11,14 +11,19 @@ cli::GBSettingsRef parse_args(int argc, char** argv) {
     auto defaults = std::make_shared<cli::GBSettings>();
     defaults->setBool(false, "verbose");
     defaults->setObject(cli::Value("ikev2.orvn"), "config");
-    cli::GBSettingsRef settings = cli::GBSettings::settingsWithName(std::string("Current"), defaults);
+    cli::GBSettingsRef settings =
+        cli::GBSettings::settingsWithName(std::string("Current"), defaults);
 
     auto parser = std::make_shared<cli::GBCommandLineParser>();
     cli::GBOptionsHelper options;
-    options.registerOption('c', std::string("config"), std::string("Read configurations from file"), 0);
-    options.registerOption(0, std::string("check"), std::string("Check configurations and exit"), 2);
-    options.registerOption(0, std::string("create"), std::string("Create configurations and exit"), 2);
-    options.registerOption(0, std::string("remove"), std::string("Remove configurations and exit"), 2);
+    options.registerOption('c', std::string("config"), std::string("Read configurations from file"),
+                           0);
+    options.registerOption(0, std::string("check"), std::string("Check configurations and exit"),
+                           2);
+    options.registerOption(0, std::string("create"), std::string("Create configurations and exit"),
+                           2);
+    options.registerOption(0, std::string("remove"), std::string("Remove configurations and exit"),
+                           2);
     options.registerOption(0, std::string("verbose"), std::string("Print verbose logs"), 2);
     options.registerOption('h', std::string("help"), std::string("Print help and exit"), 2);
 

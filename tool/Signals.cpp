@@ -8,9 +8,12 @@
 std::shared_ptr<OVConnectorIKEv2> connector;
 std::atomic<bool> terminated{false};
 
-static_assert(std::atomic<bool>::is_always_lock_free, "terminated must be safe to use from a signal handler");
+static_assert(std::atomic<bool>::is_always_lock_free,
+              "terminated must be safe to use from a signal handler");
 
-void sig_handler(int signal) { platform::RunLoop::wakeForSignal(signal); }
+void sig_handler(int signal) {
+    platform::RunLoop::wakeForSignal(signal);
+}
 
 void handle_signal(int signal) {
     DDLogDebug("Received signal {}", signal);

@@ -30,7 +30,8 @@ RunMode run_mode(const cli::GBSettings& settings);
 // placeholder credentials in the check and create modes. Ends the process
 // with status 1 when the file does not exist or, in connect mode, when no
 // file was given.
-std::shared_ptr<OVConnectorIKEv2> build_connector(const cli::GBSettings& settings, const RunMode& mode);
+std::shared_ptr<OVConnectorIKEv2> build_connector(const cli::GBSettings& settings,
+                                                  const RunMode& mode);
 
 // Loads the preferences and removes the tool's profile; ends the process
 // from the completions (0 when removed or nothing to remove, 1 on errors).

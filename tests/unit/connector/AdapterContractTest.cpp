@@ -21,11 +21,13 @@ TEST_F(ConnectorTest, LastDisconnectErrorIsEmptyWhenNoneIsKnown) {
     EXPECT_EQ(platform().fetchRequests()[0], std::nullopt);
 }
 
-TEST_F(ConnectorTest, NoServiceNamedLikeTheProfileGivesIpsec0AndOneServiceLinePerServiceAtVerboseLevel) {
+TEST_F(ConnectorTest,
+       NoServiceNamedLikeTheProfileGivesIpsec0AndOneServiceLinePerServiceAtVerboseLevel) {
     ddLogLevel = DDLogLevelVerbose;
-    platform().setServices(std::vector<NetworkService>{{"Wi-Fi", std::string("en0")},
-                                                       {"Ethernet", std::string("eth0")},
-                                                       {"Orvane IKEv2 (old)", std::string("ipsec5")}});
+    platform().setServices(
+        std::vector<NetworkService>{{"Wi-Fi", std::string("en0")},
+                                    {"Ethernet", std::string("eth0")},
+                                    {"Orvane IKEv2 (old)", std::string("ipsec5")}});
     auto connector = makeConnector();
     StderrCapture capture;
     const auto result = connector->adapterId();
@@ -82,7 +84,8 @@ TEST_F(ConnectorTest, ServiceNameMustMatchExactly) {
 TEST_F(ConnectorTest, WholeConnectAtVerboseLevelNeverLogsThePassword) {
     const auto child = inChild([] {
         ddLogLevel = DDLogLevelVerbose;
-        platform().setServices(std::vector<NetworkService>{{"Orvane IKEv2", std::string("ipsec0")}});
+        platform().setServices(
+            std::vector<NetworkService>{{"Orvane IKEv2", std::string("ipsec0")}});
         platform().setLastDisconnectError("authentication failed");
         auto connector = makeConnector();
         connectAndStart(*connector);

@@ -17,7 +17,7 @@
 #include <chrono>
 
 class ConnectorTest : public ::testing::Test {
-protected:
+  protected:
     // Returned by a child body that ran to its end without the connector
     // ending the process.
     static constexpr int kNoExit = 42;
@@ -34,7 +34,9 @@ protected:
         ddLogLevel = DDLogLevelInfo;
     }
 
-    static platform_double::ScriptedPlatform& platform() { return platform_double::ScriptedPlatform::instance(); }
+    static platform_double::ScriptedPlatform& platform() {
+        return platform_double::ScriptedPlatform::instance();
+    }
 
     static std::shared_ptr<OVConnectorIKEv2> makeConnector() {
         return OVConnectorIKEv2::initWithServer(std::string("203.0.113.7"), std::string("alice"),
@@ -43,7 +45,8 @@ protected:
 
     // Runs the loop in short slices until `done` or the time is up.
     template <typename Done>
-    static bool runLoopUntil(Done done, std::chrono::milliseconds limit = std::chrono::milliseconds(3000)) {
+    static bool runLoopUntil(Done done,
+                             std::chrono::milliseconds limit = std::chrono::milliseconds(3000)) {
         auto& loop = platform::RunLoop::main();
         const auto end = platform::RunLoop::Clock::now() + limit;
         while (!done()) {

@@ -20,7 +20,8 @@ TEST_F(ConnectorTest, ConnectingThenConnectedLogsTheInterfaceThenConnected) {
     platform().fireStatus(NEVPNStatusConnecting);
     platform().fireStatus(NEVPNStatusConnected);
     capture.restore();
-    EXPECT_EQ(capture.messages(), (Lines{"IKEv2 Connecting", "IKEv2 Interface ipsec3", "IKEv2 Connected"}));
+    EXPECT_EQ(capture.messages(),
+              (Lines{"IKEv2 Connecting", "IKEv2 Interface ipsec3", "IKEv2 Connected"}));
     EXPECT_FALSE(connector->connecting());
     EXPECT_TRUE(connector->connected());
     EXPECT_EQ(connector->lastDisconnectError(), std::optional<std::string>(""));
@@ -45,7 +46,8 @@ TEST_F(ConnectorTest, ConnectedClearsAKnownReason) {
     EXPECT_EQ(connector->lastDisconnectError(), std::optional<std::string>(""));
 }
 
-TEST_F(ConnectorTest, ReassertingWhileConnectedStopsTheTunnelAndTheNextDisconnectedExitsOneWithoutALogSearch) {
+TEST_F(ConnectorTest,
+       ReassertingWhileConnectedStopsTheTunnelAndTheNextDisconnectedExitsOneWithoutALogSearch) {
     const auto child = inChild([] {
         auto connector = makeConnector();
         connectAndStart(*connector);
@@ -96,7 +98,8 @@ TEST_F(ConnectorTest, DisconnectedWhileConnectedWithAReasonFromTheLogExitsOne) {
     });
     EXPECT_EQ(child.exitStatus, 1);
     EXPECT_EQ(testing_support::messages(child.err),
-              (Lines{"IKEv2 Interface ipsec0", "IKEv2 Connected", "IKEv2 Last disconnect error: authentication failed"}));
+              (Lines{"IKEv2 Interface ipsec0", "IKEv2 Connected",
+                     "IKEv2 Last disconnect error: authentication failed"}));
 }
 
 TEST_F(ConnectorTest, LogSearchStartsAtTheConnectingDate) {
@@ -152,7 +155,8 @@ TEST_F(ConnectorTest, ConnectingAndDisconnectingAreLoggedAndChangeNothing) {
     platform().fireStatus(NEVPNStatusDisconnecting);
     platform().fireStatus(NEVPNStatusInvalid);
     capture.restore();
-    EXPECT_EQ(capture.messages(), (Lines{"IKEv2 Connecting", "IKEv2 Disconnecting", "IKEv2 Invalid Status"}));
+    EXPECT_EQ(capture.messages(),
+              (Lines{"IKEv2 Connecting", "IKEv2 Disconnecting", "IKEv2 Invalid Status"}));
     EXPECT_TRUE(connector->connecting());
     EXPECT_FALSE(connector->connected());
     EXPECT_EQ(platform().stopCount(), 0);

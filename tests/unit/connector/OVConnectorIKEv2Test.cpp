@@ -68,7 +68,8 @@ TEST_F(ConnectorTest, LoadFailureLogsAnErrorLineAndExitsOne) {
         platform().completeLoad(NSError{13, "permission denied"});
     });
     EXPECT_EQ(child.exitStatus, 1);
-    EXPECT_EQ(testing_support::messages(child.err), Lines{"IKEv2 Error loading configurations: permission denied"});
+    EXPECT_EQ(testing_support::messages(child.err),
+              Lines{"IKEv2 Error loading configurations: permission denied"});
 }
 
 TEST_F(ConnectorTest, CreateOnlyWritesTheProfileAndExitsZeroWithoutAStartRequest) {
@@ -106,7 +107,8 @@ TEST_F(ConnectorTest, SaveFailureWithCode5ExitsWithStatus5AfterAnInfoLine) {
         platform().completeSave(NSError{5, "disk full"});
     });
     EXPECT_EQ(child.exitStatus, 5);
-    EXPECT_EQ(testing_support::messages(child.err), Lines{"IKEv2 Error saving configurations: disk full"});
+    EXPECT_EQ(testing_support::messages(child.err),
+              Lines{"IKEv2 Error saving configurations: disk full"});
 }
 
 TEST_F(ConnectorTest, SaveFailureLineIsAnInfoLineNotAnErrorLine) {
@@ -138,11 +140,13 @@ TEST_F(ConnectorTest, SavedProfileCarriesExactlyTheFixedValues) {
     EXPECT_EQ(saved.localizedDescription, "Orvane IKEv2");
     EXPECT_EQ(connector->vpnManager(), &NEVPNManager::sharedManager());
     EXPECT_EQ(platform().calls(), (Lines{"load", "save"}));
-    EXPECT_EQ(platform_double::describeProfile(saved),
-              "username=alice serverAddress=203.0.113.7 remoteIdentifier=vpn.orvane.net localIdentifier=(null) "
-              "authenticationMethod=1 useExtendedAuthentication=1 enableRevocationCheck=1 enablePFS=1 "
-              "disconnectOnSleep=1 deadPeerDetectionRate=3 ike=4/3/14/1440 child=4/3/14/1440 enabled=1 "
-              "localizedDescription=Orvane IKEv2");
+    EXPECT_EQ(
+        platform_double::describeProfile(saved),
+        "username=alice serverAddress=203.0.113.7 remoteIdentifier=vpn.orvane.net "
+        "localIdentifier=(null) "
+        "authenticationMethod=1 useExtendedAuthentication=1 enableRevocationCheck=1 enablePFS=1 "
+        "disconnectOnSleep=1 deadPeerDetectionRate=3 ike=4/3/14/1440 child=4/3/14/1440 enabled=1 "
+        "localizedDescription=Orvane IKEv2");
 }
 
 TEST_F(ConnectorTest, StartRequestGoesOutHalfASecondAfterTheSave) {
@@ -181,13 +185,14 @@ TEST_F(ConnectorTest, StartFailureLogsTheNilTextAndExitsOne) {
         connectAndStart(*connector);
     });
     EXPECT_EQ(child.exitStatus, 1);
-    EXPECT_EQ(testing_support::messages(child.err), Lines{"IKEv2 Error starting vpn tunnel: (null)"});
+    EXPECT_EQ(testing_support::messages(child.err),
+              Lines{"IKEv2 Error starting vpn tunnel: (null)"});
 }
 
 TEST_F(ConnectorTest, MissingPasswordAtTheStartExitsNonZeroBeforeAnyStartRequest) {
     const auto child = inChild([] {
-        auto connector = OVConnectorIKEv2::initWithServer(std::string("203.0.113.7"), std::string("alice"),
-                                                          std::nullopt);
+        auto connector = OVConnectorIKEv2::initWithServer(std::string("203.0.113.7"),
+                                                          std::string("alice"), std::nullopt);
         connector->connect();
         platform().completeLoad();
         platform().completeSave();
@@ -223,7 +228,8 @@ TEST_F(ConnectorTest, StartWithoutAConnectionIsAStartFailure) {
         runLoopUntil([] { return false; }, std::chrono::milliseconds(1500));
     });
     EXPECT_EQ(child.exitStatus, 1);
-    EXPECT_EQ(testing_support::messages(child.err), Lines{"IKEv2 Error starting vpn tunnel: (null)"});
+    EXPECT_EQ(testing_support::messages(child.err),
+              Lines{"IKEv2 Error starting vpn tunnel: (null)"});
 }
 
 TEST_F(ConnectorTest, DisconnectBeforeAnyStartSendsNoStopRequestAndChangesNothing) {

@@ -13,7 +13,7 @@ namespace {
 using Config = std::map<std::string, std::string>;
 
 class ParseConfigTest : public ::testing::Test {
-protected:
+  protected:
     static void SetUpTestSuite() { DDLog::addTTYLogger(); }
     void SetUp() override {
         ddLogLevel = DDLogLevelInfo;
@@ -73,7 +73,8 @@ TEST_F(ParseConfigTest, PasswordWithNothingAfterTheEqualsSignStaysNil) {
 
 TEST_F(ParseConfigTest, PasswordOfTwoDoubleQuotesIsTheEmptyString) {
     EXPECT_EQ(parse("password=\"\"\n"), (Config{{"password", ""}}));
-    EXPECT_EQ(OVConnectorIKEv2::initWithConfigFile(path_)->password(), std::optional<std::string>(""));
+    EXPECT_EQ(OVConnectorIKEv2::initWithConfigFile(path_)->password(),
+              std::optional<std::string>(""));
 }
 
 TEST_F(ParseConfigTest, LaterLineForTheSameKeyWins) {
@@ -90,15 +91,18 @@ TEST_F(ParseConfigTest, LineOf300BytesIsReadAsALineOf255BytesAndALineOf45Bytes) 
     const std::string first = "a=" + std::string(253, 'b');
     const std::string second = "c=" + std::string(42, 'd') + "\n";
     ASSERT_EQ(first.size() + second.size(), 300u);
-    EXPECT_EQ(parse(first + second), (Config{{"a", std::string(253, 'b')}, {"c", std::string(42, 'd')}}));
+    EXPECT_EQ(parse(first + second),
+              (Config{{"a", std::string(253, 'b')}, {"c", std::string(42, 'd')}}));
 }
 
 TEST_F(ParseConfigTest, CRLFLineEndsLeaveACarriageReturnAtTheEndOfEveryValue) {
-    EXPECT_EQ(parse("ip=10.0.0.1\r\nusername=alice\r\n"), (Config{{"ip", "10.0.0.1\r"}, {"username", "alice\r"}}));
+    EXPECT_EQ(parse("ip=10.0.0.1\r\nusername=alice\r\n"),
+              (Config{{"ip", "10.0.0.1\r"}, {"username", "alice\r"}}));
 }
 
 TEST_F(ParseConfigTest, LastLineWithoutALineFeedIsReadLikeAnyOther) {
-    EXPECT_EQ(parse("ip=10.0.0.1\nusername=alice"), (Config{{"ip", "10.0.0.1"}, {"username", "alice"}}));
+    EXPECT_EQ(parse("ip=10.0.0.1\nusername=alice"),
+              (Config{{"ip", "10.0.0.1"}, {"username", "alice"}}));
 }
 
 TEST_F(ParseConfigTest, EmptyFileGivesAnEmptyDictionaryAndAConnectorWithNilCredentials) {
@@ -144,7 +148,8 @@ TEST_F(ParseConfigTest, KeysAreCaseSensitive) {
 }
 
 TEST_F(ParseConfigTest, LineWhoseKeyOrValueIsNotUTF8IsSkipped) {
-    EXPECT_EQ(parse("ip=1.1.1.1\nuser\xffname=x\npassword=\xc3\x28\nremote=\xed\xa0\x80\nusername=b\xc3\xa9\n"),
+    EXPECT_EQ(parse("ip=1.1.1.1\nuser\xffname=x\npassword=\xc3\x28\nremote=\xed\xa0\x80\nusername="
+                    "b\xc3\xa9\n"),
               (Config{{"ip", "1.1.1.1"}, {"username", "b\xc3\xa9"}}));
 }
 
@@ -154,7 +159,8 @@ TEST_F(ParseConfigTest, FileThatCannotBeOpenedGivesNilAndAnErrorLine) {
     capture.restore();
     EXPECT_EQ(config, std::nullopt);
     EXPECT_EQ(capture.messages(),
-              std::vector<std::string>{"parse_config /nonexistent/orvane.conf: No such file or directory"});
+              std::vector<std::string>{
+                  "parse_config /nonexistent/orvane.conf: No such file or directory"});
 }
 
 TEST_F(ParseConfigTest, UnopenableFileLineIsNotShownWithoutTheErrorBit) {
@@ -165,7 +171,8 @@ TEST_F(ParseConfigTest, UnopenableFileLineIsNotShownWithoutTheErrorBit) {
     EXPECT_EQ(capture.text(), "");
 }
 
-TEST_F(ParseConfigTest, ConnectorFromAFileThatCannotBeOpenedHasNilCredentialsAndTheDefaultRemoteID) {
+TEST_F(ParseConfigTest,
+       ConnectorFromAFileThatCannotBeOpenedHasNilCredentialsAndTheDefaultRemoteID) {
     testing_support::StderrCapture capture;
     const auto connector = OVConnectorIKEv2::initWithConfigFile("/nonexistent/orvane.conf");
     capture.restore();
@@ -176,7 +183,8 @@ TEST_F(ParseConfigTest, ConnectorFromAFileThatCannotBeOpenedHasNilCredentialsAnd
 }
 
 TEST_F(ParseConfigTest, InitWithServerStoresTheValuesAsGiven) {
-    const auto connector = OVConnectorIKEv2::initWithServer(std::string(" 10.0.0.1 "), std::nullopt, std::string(""));
+    const auto connector =
+        OVConnectorIKEv2::initWithServer(std::string(" 10.0.0.1 "), std::nullopt, std::string(""));
     EXPECT_EQ(connector->server(), " 10.0.0.1 ");
     EXPECT_EQ(connector->username(), std::nullopt);
     EXPECT_EQ(connector->password(), std::optional<std::string>(""));

@@ -116,7 +116,8 @@ inline std::vector<std::string> messages(const std::string& text) {
     std::vector<std::string> result;
     for (const std::string& line : lines(text)) {
         const std::size_t close = line.find("] ");
-        const bool logLine = line.size() > 24 && line[4] == '-' && line[19] == ':' && close != std::string::npos;
+        const bool logLine =
+            line.size() > 24 && line[4] == '-' && line[19] == ':' && close != std::string::npos;
         result.push_back(logLine ? line.substr(close + 2) : line);
     }
     return result;
@@ -129,7 +130,7 @@ namespace testing_support {
 // Sends everything written to file descriptor 2 to a temporary file until
 // text() is called, so in-process tests can read the log lines.
 class StderrCapture {
-public:
+  public:
     StderrCapture() {
         std::fflush(stderr);
         saved_ = ::dup(STDERR_FILENO);
@@ -171,7 +172,7 @@ public:
         }
     }
 
-private:
+  private:
     int saved_ = -1;
     int fd_ = -1;
 };

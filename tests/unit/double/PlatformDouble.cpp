@@ -4,21 +4,21 @@
 
 #include <fmt/format.h>
 
+#include <fcntl.h>
+#include <unistd.h>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <fcntl.h>
 #include <fstream>
 #include <sstream>
-#include <unistd.h>
 
 namespace platform_double {
 
 namespace {
 
 class DoubleConnection final : public NEVPNConnection {
-public:
+  public:
     NEVPNStatus status() const override { return ScriptedPlatform::instance().status(); }
     OptionalError startVPNTunnel(const NEVPNStartOptions& options) override {
         return ScriptedPlatform::instance().requestStart(options);
@@ -27,7 +27,7 @@ public:
 };
 
 class DoubleManager final : public NEVPNManager {
-public:
+  public:
     void loadFromPreferences(CompletionHandler handler) override {
         ScriptedPlatform::instance().requestLoad(std::move(handler));
     }
@@ -41,7 +41,7 @@ public:
         return ScriptedPlatform::instance().hasConnection() ? &connection_ : nullptr;
     }
 
-private:
+  private:
     DoubleConnection connection_;
 };
 
@@ -50,12 +50,14 @@ DoubleManager& doubleManager() {
     return *manager;
 }
 
-std::string optionalText(const std::optional<std::string>& text) { return text ? *text : "(null)"; }
+std::string optionalText(const std::optional<std::string>& text) {
+    return text ? *text : "(null)";
+}
 
 std::string describeParameters(const NEVPNIKEv2SecurityAssociationParameters& p) {
     return fmt::format("{}/{}/{}/{}", static_cast<std::int64_t>(p.encryptionAlgorithm),
-                       static_cast<std::int64_t>(p.integrityAlgorithm), static_cast<std::int64_t>(p.diffieHellmanGroup),
-                       p.lifetimeMinutes);
+                       static_cast<std::int64_t>(p.integrityAlgorithm),
+                       static_cast<std::int64_t>(p.diffieHellmanGroup), p.lifetimeMinutes);
 }
 
 std::string trimmed(const std::string& text) {
@@ -157,7 +159,8 @@ std::optional<Script> parseScript(const std::string& text) {
 std::string describeProfile(const SavedProfile& saved) {
     const NEVPNProtocolIKEv2& p = saved.protocol;
     return fmt::format(
-        "username={} serverAddress={} remoteIdentifier={} localIdentifier={} authenticationMethod={} "
+        "username={} serverAddress={} remoteIdentifier={} localIdentifier={} "
+        "authenticationMethod={} "
         "useExtendedAuthentication={} enableRevocationCheck={} enablePFS={} disconnectOnSleep={} "
         "deadPeerDetectionRate={} ike={} child={} enabled={} localizedDescription={}",
         optionalText(p.username), optionalText(p.serverAddress), optionalText(p.remoteIdentifier),
@@ -209,7 +212,9 @@ void ScriptedPlatform::reset() {
     manager.setLocalizedDescription(std::nullopt);
 }
 
-void ScriptedPlatform::useScript(Script script) { script_ = std::move(script); }
+void ScriptedPlatform::useScript(Script script) {
+    script_ = std::move(script);
+}
 
 void ScriptedPlatform::record(const std::string& line) {
     if (recordFd_ < 0) {
@@ -231,7 +236,8 @@ void ScriptedPlatform::fireStatus(NEVPNStatus status) {
 
 void ScriptedPlatform::schedule(const std::vector<std::pair<int, NEVPNStatus>>& changes) {
     for (const auto& [delay, status] : changes) {
-        RunLoop::main().dispatchAfter(std::chrono::milliseconds(delay), [this, status = status] { fireStatus(status); });
+        RunLoop::main().dispatchAfter(std::chrono::milliseconds(delay),
+                                      [this, status = status] { fireStatus(status); });
     }
 }
 
@@ -249,8 +255,8 @@ void ScriptedPlatform::requestLoad(CompletionHandler handler) {
 
 void ScriptedPlatform::requestSave(CompletionHandler handler) {
     DoubleManager& manager = doubleManager();
-    SavedProfile asked{manager.protocolConfiguration().value_or(NEVPNProtocolIKEv2{}), manager.enabled(),
-                       manager.localizedDescription()};
+    SavedProfile asked{manager.protocolConfiguration().value_or(NEVPNProtocolIKEv2{}),
+                       manager.enabled(), manager.localizedDescription()};
     calls_.push_back("save");
     record("save " + describeProfile(asked));
     saved_.push_back(std::move(asked));
@@ -305,7 +311,8 @@ void ScriptedPlatform::completeRemove(OptionalError error) {
 
 OptionalError ScriptedPlatform::requestStart(const NEVPNStartOptions& options) {
     calls_.push_back("start");
-    record(fmt::format("start username={} password-length={}", options.username, options.password.size()));
+    record(fmt::format("start username={} password-length={}", options.username,
+                       options.password.size()));
     startRequests_.push_back(options);
     if (script_.startError) {
         return script_.startError;
@@ -325,10 +332,13 @@ void ScriptedPlatform::requestStop() {
     }
 }
 
-std::string ScriptedPlatform::answerLastDisconnectError(std::optional<SystemClock::time_point> since) {
+std::string ScriptedPlatform::answerLastDisconnectError(
+    std::optional<SystemClock::time_point> since) {
     fetchRequests_.push_back(since);
-    record(since ? fmt::format("fetch-last-disconnect-error since={}",
-                               std::chrono::duration_cast<std::chrono::seconds>(since->time_since_epoch()).count())
+    record(since ? fmt::format(
+                       "fetch-last-disconnect-error since={}",
+                       std::chrono::duration_cast<std::chrono::seconds>(since->time_since_epoch())
+                           .count())
                  : std::string("fetch-last-disconnect-error since=none"));
     return script_.lastDisconnectError;
 }
@@ -343,7 +353,9 @@ std::optional<std::vector<NetworkService>> ScriptedPlatform::answerServices() {
 
 namespace platform {
 
-NEVPNManager& NEVPNManager::sharedManager() { return platform_double::doubleManager(); }
+NEVPNManager& NEVPNManager::sharedManager() {
+    return platform_double::doubleManager();
+}
 
 std::string fetchLastDisconnectError(std::optional<SystemClock::time_point> since) {
     return platform_double::ScriptedPlatform::instance().answerLastDisconnectError(since);

@@ -71,7 +71,7 @@ std::optional<Script> parseScript(const std::string& text);
 std::string describeProfile(const SavedProfile& profile);
 
 class ScriptedPlatform {
-public:
+  public:
     static ScriptedPlatform& instance();
 
     // Back to a fresh double: no records, nothing pending, no profile, status
@@ -84,7 +84,9 @@ public:
     const std::vector<SavedProfile>& saved() const { return saved_; }
     const std::vector<NEVPNStartOptions>& startRequests() const { return startRequests_; }
     int stopCount() const { return stopCount_; }
-    const std::vector<std::optional<SystemClock::time_point>>& fetchRequests() const { return fetchRequests_; }
+    const std::vector<std::optional<SystemClock::time_point>>& fetchRequests() const {
+        return fetchRequests_;
+    }
     int serviceLookups() const { return serviceLookups_; }
 
     // Pending completions. The test delivers them itself, standing in for
@@ -97,14 +99,18 @@ public:
     void completeRemove(OptionalError error = std::nullopt);
 
     // The profile kept in the system's preferences.
-    void setStoredProfile(std::optional<NEVPNProtocolIKEv2> profile) { script_.storedProfile = std::move(profile); }
+    void setStoredProfile(std::optional<NEVPNProtocolIKEv2> profile) {
+        script_.storedProfile = std::move(profile);
+    }
     const std::optional<NEVPNProtocolIKEv2>& storedProfile() const { return script_.storedProfile; }
 
     void setStartError(OptionalError error) { script_.startError = std::move(error); }
     void setHasConnection(bool has) { script_.hasConnection = has; }
     bool hasConnection() const { return script_.hasConnection; }
     void setLastDisconnectError(std::string text) { script_.lastDisconnectError = std::move(text); }
-    void setServices(std::optional<std::vector<NetworkService>> services) { script_.services = std::move(services); }
+    void setServices(std::optional<std::vector<NetworkService>> services) {
+        script_.services = std::move(services);
+    }
 
     NEVPNStatus status() const { return status_; }
     void setStatus(NEVPNStatus status);
@@ -121,7 +127,7 @@ public:
     std::string answerLastDisconnectError(std::optional<SystemClock::time_point> since);
     std::optional<std::vector<NetworkService>> answerServices();
 
-private:
+  private:
     ScriptedPlatform();
     void record(const std::string& line);
     void schedule(const std::vector<std::pair<int, NEVPNStatus>>& changes);

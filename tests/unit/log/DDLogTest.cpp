@@ -5,13 +5,13 @@
 #include <gtest/gtest.h>
 #include <spdlog/details/log_msg.h>
 
+#include <unistd.h>
 #include <chrono>
 #include <cstdlib>
 #include <ctime>
 #include <regex>
 #include <string>
 #include <thread>
-#include <unistd.h>
 
 using testing_support::lines;
 using testing_support::messages;
@@ -20,7 +20,7 @@ using testing_support::runInChild;
 namespace {
 
 class DDLogTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override { saved_ = ddLogLevel; }
     void TearDown() override { ddLogLevel = saved_; }
     std::int32_t saved_ = 0;
@@ -93,7 +93,8 @@ TEST_F(DDLogTest, MillisecondsAreTruncatedAfterAColonAndThreadIdIsCutToEightChar
     using namespace std::chrono;
     // 2024-05-06 13:45:07.1239 UTC
     const auto when = system_clock::time_point(seconds(1715003107)) + microseconds(123900);
-    spdlog::details::log_msg msg(when, spdlog::source_loc{}, "x", spdlog::level::info, "IKEv2 Connected");
+    spdlog::details::log_msg msg(when, spdlog::source_loc{}, "x", spdlog::level::info,
+                                 "IKEv2 Connected");
     msg.thread_id = 1234567890;
     const std::string line = DDTTYLogger::formatLine(msg);
     if (oldTz) {
@@ -150,7 +151,9 @@ TEST_F(DDLogTest, FlagsOutsideTheMaskAreNotWritten) {
 }
 
 namespace {
-[[noreturn]] void endProcessElsewhere(int status) { std::exit(status); }
+[[noreturn]] void endProcessElsewhere(int status) {
+    std::exit(status);
+}
 }  // namespace
 
 TEST_F(DDLogTest, ErrorLineIsWrittenBeforeTheCallReturns) {
@@ -161,7 +164,8 @@ TEST_F(DDLogTest, ErrorLineIsWrittenBeforeTheCallReturns) {
         ::_exit(1);
     });
     EXPECT_EQ(child.exitStatus, 1);
-    EXPECT_EQ(messages(child.err), (std::vector<std::string>{"IKEv2 Error loading configurations: denied"}));
+    EXPECT_EQ(messages(child.err),
+              (std::vector<std::string>{"IKEv2 Error loading configurations: denied"}));
 }
 
 TEST_F(DDLogTest, ErrorLineSurvivesExitFromAnotherPath) {
@@ -190,7 +194,8 @@ TEST_F(DDLogTest, QueuedLinesAreNotLostAtExitAndKeepTheirOrder) {
     const auto msgs = messages(child.err);
     ASSERT_EQ(msgs.size(), 2000u);
     for (int i = 0; i < 2000; ++i) {
-        EXPECT_EQ(msgs[static_cast<std::size_t>(i)], fmt::format("{} {}", i % 500 == 0 ? "error" : "info", i));
+        EXPECT_EQ(msgs[static_cast<std::size_t>(i)],
+                  fmt::format("{} {}", i % 500 == 0 ? "error" : "info", i));
     }
 }
 

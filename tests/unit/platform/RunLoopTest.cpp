@@ -14,9 +14,13 @@ using namespace std::chrono_literals;
 
 namespace {
 
-RunLoop::Clock::duration elapsedSince(RunLoop::Clock::time_point start) { return RunLoop::Clock::now() - start; }
+RunLoop::Clock::duration elapsedSince(RunLoop::Clock::time_point start) {
+    return RunLoop::Clock::now() - start;
+}
 
-void wakeHandler(int signo) { RunLoop::wakeForSignal(signo); }
+void wakeHandler(int signo) {
+    RunLoop::wakeForSignal(signo);
+}
 
 void installWakeHandler(int signo) {
     struct sigaction action {};

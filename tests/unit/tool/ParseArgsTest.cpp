@@ -1,6 +1,6 @@
-#include "tool/Tool.h"
 #include "tests/unit/double/ChildProcess.h"
 #include "tests/unit/tool/ToolProcess.h"
+#include "tool/Tool.h"
 
 #include <gtest/gtest.h>
 
@@ -24,9 +24,12 @@ cli::GBSettingsRef parse(std::vector<std::string> words) {
 
 // The help lists the six options in registration order.
 void expectHelp(const std::string& out) {
-    const std::vector<std::string> descriptions{"Read configurations from file", "Check configurations and exit",
-                                                "Create configurations and exit", "Remove configurations and exit",
-                                                "Print verbose logs", "Print help and exit"};
+    const std::vector<std::string> descriptions{"Read configurations from file",
+                                                "Check configurations and exit",
+                                                "Create configurations and exit",
+                                                "Remove configurations and exit",
+                                                "Print verbose logs",
+                                                "Print help and exit"};
     std::size_t at = 0;
     for (const std::string& description : descriptions) {
         const std::size_t found = out.find(description, at);
@@ -72,7 +75,9 @@ TEST(ParseArgsTest, SwitchesReadTrue) {
 }
 
 TEST(ParseArgsTest, OptionGivenTwiceKeepsTheLaterValue) {
-    EXPECT_EQ(parse({"--config", "first.conf", "-c", "second.conf"})->objectForKey("config").description(),
+    EXPECT_EQ(parse({"--config", "first.conf", "-c", "second.conf"})
+                  ->objectForKey("config")
+                  .description(),
               "second.conf");
 }
 
@@ -98,7 +103,8 @@ TEST(ParseArgsTest, UnknownOptionPrintsTheParsersMessageAndTheHelpAndEndsWithSta
 TEST(ParseArgsTest, ConfigWithoutAValueIsReportedButDoesNotFailTheParse) {
     const auto child = runInChild([] {
         const auto settings = parse({"--check", "--config"});
-        std::printf("config=%s check=%d\n", settings->objectForKey("config").isNil() ? "nil" : "set",
+        std::printf("config=%s check=%d\n",
+                    settings->objectForKey("config").isNil() ? "nil" : "set",
                     settings->boolForKey("check"));
     });
     EXPECT_EQ(child.exitStatus, 0);
@@ -118,14 +124,16 @@ TEST(ToolOptionsProcessTest, HelpFromTheCommandLineEndsWithStatusOne) {
 TEST(ToolOptionsProcessTest, ConfigWithoutAValueInConnectModeEndsWithStatusOne) {
     ToolProcess tool;
     EXPECT_EQ(tool.run({"--config"}), 1);
-    EXPECT_EQ(tool.messages(), (std::vector<std::string>{"Missing value for command line option config, try --help!",
-                                                         "Must provide a config file to start vpn tunnel!"}));
+    EXPECT_EQ(tool.messages(),
+              (std::vector<std::string>{"Missing value for command line option config, try --help!",
+                                        "Must provide a config file to start vpn tunnel!"}));
     EXPECT_TRUE(tool.record().empty());
 }
 
 TEST(ToolOptionsProcessTest, ConfigWithoutAValueInCheckModeGoesOnWithPlaceholders) {
     ToolProcess tool;
     EXPECT_EQ(tool.run({"--check", "--config"}), 2);
-    EXPECT_EQ(tool.messages(), (std::vector<std::string>{"Missing value for command line option config, try --help!",
-                                                         "IKEv2 configuration doesn't exist"}));
+    EXPECT_EQ(tool.messages(),
+              (std::vector<std::string>{"Missing value for command line option config, try --help!",
+                                        "IKEv2 configuration doesn't exist"}));
 }

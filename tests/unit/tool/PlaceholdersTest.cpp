@@ -1,6 +1,6 @@
-#include "tool/Tool.h"
 #include "log/DDLog.h"
 #include "tests/unit/double/ChildProcess.h"
+#include "tool/Tool.h"
 
 #include <gtest/gtest.h>
 
@@ -12,8 +12,10 @@ using testing_support::runInChild;
 
 namespace {
 
-cli::GBSettingsRef settingsWith(std::initializer_list<const char*> switches, const char* config = nullptr) {
-    auto settings = cli::GBSettings::settingsWithName(std::string("Current"), std::make_shared<cli::GBSettings>());
+cli::GBSettingsRef settingsWith(std::initializer_list<const char*> switches,
+                                const char* config = nullptr) {
+    auto settings = cli::GBSettings::settingsWithName(std::string("Current"),
+                                                      std::make_shared<cli::GBSettings>());
     for (const char* key : switches) {
         settings->setBool(true, key);
     }
@@ -59,12 +61,14 @@ TEST(PlaceholdersTest, CheckAndCreateTogetherMeanCreateMode) {
     EXPECT_FALSE(none.createOnly);
 }
 
-TEST(PlaceholdersTest, CheckOrCreateWithoutConfigGetPlaceholderServerAndUserNameAndAnEmptyPassword) {
+TEST(PlaceholdersTest,
+     CheckOrCreateWithoutConfigGetPlaceholderServerAndUserNameAndAnEmptyPassword) {
     for (const char* mode : {"check", "create"}) {
         const auto settings = settingsWith({mode});
         const auto built = build_connector(*settings, run_mode(*settings));
         ASSERT_TRUE(built);
-        EXPECT_TRUE(std::regex_match(built->server().value_or(""), std::regex(R"(\d+\.\d+\.\d+\.\d+)")));
+        EXPECT_TRUE(
+            std::regex_match(built->server().value_or(""), std::regex(R"(\d+\.\d+\.\d+\.\d+)")));
         EXPECT_TRUE(std::regex_match(built->username().value_or(""), std::regex("[a-z]{6}")));
         EXPECT_EQ(built->password(), std::optional<std::string>(""));
         EXPECT_EQ(built->remoteID(), kDefaultRemoteID);

@@ -1,7 +1,7 @@
 #include "tests/unit/tool/ToolProcess.h"
 
-#include <gtest/gtest.h>
 #include <fmt/format.h>
+#include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <regex>
@@ -11,7 +11,8 @@ using Lines = std::vector<std::string>;
 
 namespace {
 
-const char* kConfig = "ip=203.0.113.7\nusername=alice\npassword=Pa55-w0rd!\nremote=gw.example.net\n";
+const char* kConfig =
+    "ip=203.0.113.7\nusername=alice\npassword=Pa55-w0rd!\nremote=gw.example.net\n";
 
 // The record line of a save, up to the server address.
 std::string saveOf(const std::string& username, const std::string& server) {
@@ -60,7 +61,9 @@ TEST(ToolModesTest, CreateWithoutConfigSavesPlaceholderCredentials) {
     EXPECT_EQ(tool.run({"--create"}), 0);
     const std::string save = firstWith(tool.record(), "save ");
     std::smatch m;
-    ASSERT_TRUE(std::regex_search(save, m, std::regex(R"(^save username=([a-z]{6}) serverAddress=(\d+)\.(\d+)\.(\d+)\.(\d+) )")))
+    ASSERT_TRUE(std::regex_search(
+        save, m,
+        std::regex(R"(^save username=([a-z]{6}) serverAddress=(\d+)\.(\d+)\.(\d+)\.(\d+) )")))
         << save;
     const int first = std::stoi(m[2].str());
     EXPECT_GE(first, 11);
@@ -151,7 +154,8 @@ TEST(ToolModesTest, RemoveWithNoSavedProfileEndsWithStatusZeroAndLogsNothing) {
 TEST(ToolModesTest, RemoveWhenLoadingFailsEndsWithStatusOne) {
     ToolProcess tool("profile\nload-error 1 The operation couldn't be completed\n");
     EXPECT_EQ(tool.run({"--remove"}), 1);
-    EXPECT_EQ(tool.messages(), Lines{"IKEv2 Error loading configurations: The operation couldn't be completed"});
+    EXPECT_EQ(tool.messages(),
+              Lines{"IKEv2 Error loading configurations: The operation couldn't be completed"});
     EXPECT_EQ(tool.record(), Lines{"load"});
 }
 

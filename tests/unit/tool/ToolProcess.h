@@ -25,7 +25,7 @@
 namespace testing_support {
 
 class ToolProcess {
-public:
+  public:
     using Clock = std::chrono::steady_clock;
 
     explicit ToolProcess(const std::string& script = "") {
@@ -157,7 +157,7 @@ public:
         return false;
     }
 
-private:
+  private:
     std::string dir_;
     pid_t pid_ = -1;
     bool exited_ = false;

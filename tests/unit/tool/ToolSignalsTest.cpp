@@ -20,7 +20,8 @@ int count(const Lines& lines, const std::string& line) {
 
 }  // namespace
 
-TEST(ToolSignalsTest, InterruptWhileConnectedAtVerboseLevelLogsReceivedSignal2AndEndsWithStatusZero) {
+TEST(ToolSignalsTest,
+     InterruptWhileConnectedAtVerboseLevelLogsReceivedSignal2AndEndsWithStatusZero) {
     ToolProcess tool(kConnects);
     tool.writeFile("client.conf", kConfig);
     tool.start({"--config", "client.conf", "--verbose"});
@@ -54,7 +55,8 @@ TEST(ToolSignalsTest, EachTerminatingSignalWhileConnectedEndsWithStatusZeroAfter
         ASSERT_TRUE(tool.waitForRecord("status 3"));
         tool.signal(signo);
         EXPECT_EQ(tool.wait(), 0) << signo;
-        EXPECT_EQ(count(tool.messages(), "Received signal " + std::to_string(signo)), 1) << tool.err();
+        EXPECT_EQ(count(tool.messages(), "Received signal " + std::to_string(signo)), 1)
+            << tool.err();
         EXPECT_EQ(tool.recordCount("stop"), 1);
     }
 }
