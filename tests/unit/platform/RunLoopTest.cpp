@@ -37,7 +37,7 @@ TEST(RunLoopTest, SliceWithNothingQueuedLastsUntilItsDeadline) {
     RunLoop::main().runUntil(start + 120ms);
     const auto elapsed = elapsedSince(start);
     EXPECT_GE(elapsed, 120ms);
-    EXPECT_LT(elapsed, 400ms);
+    EXPECT_LT(elapsed, 600ms);
 }
 
 TEST(RunLoopTest, StopEndsTheSliceEarly) {
@@ -83,7 +83,7 @@ TEST(RunLoopTest, DispatchAfterNeverRunsBeforeItsDelay) {
     loop.runUntil(start + 800ms);
     ASSERT_NE(ranAt, RunLoop::Clock::time_point{});
     EXPECT_GE(ranAt - start, 500ms);
-    EXPECT_LT(ranAt - start, 700ms);
+    EXPECT_LT(ranAt - start, 800ms);
 }
 
 TEST(RunLoopTest, RunLastsUntilStop) {
@@ -119,7 +119,7 @@ TEST(RunLoopTest, SignalWakeUpDeliversOnTheLoopThreadAtOnce) {
     sender.join();
     EXPECT_EQ(received, std::vector<int>{SIGUSR1});
     EXPECT_EQ(handlerThread, std::this_thread::get_id());
-    EXPECT_LT(deliveredAt - raisedAt, 100ms);
+    EXPECT_LT(deliveredAt - raisedAt, 250ms);
     EXPECT_LT(elapsedSince(start), 1s);
 }
 
