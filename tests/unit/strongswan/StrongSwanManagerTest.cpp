@@ -443,6 +443,9 @@ TEST_F(StrongSwanManagerTest, TunnelThatVanishesWithoutAnEventIsDetected) {
     server.emit("log", logLine("establishing IKE_SA failed, peer not responding"));
     ASSERT_TRUE(runUntil([&] { return status() == platform::NEVPNStatusDisconnected; }));
     EXPECT_EQ(manager->lastDisconnectError(since), "peer not responding");
+    // Each change is notified once, from the loop.
+    EXPECT_TRUE(runUntil([&] { return seen.size() >= 2; }));
+    runUntil([] { return false; }, 50ms);
     EXPECT_EQ(seen, (std::vector<NEVPNStatus>{platform::NEVPNStatusConnecting,
                                              platform::NEVPNStatusDisconnected}));
 }
