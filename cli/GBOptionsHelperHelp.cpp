@@ -1,6 +1,7 @@
 // Help text and version line of the option registry.
 
 #include "cli/GBOptionsHelper.h"
+#include "cli/OptionRows.h"
 #include "cli/Value.h"
 
 #include <algorithm>
@@ -19,7 +20,7 @@ namespace {
 constexpr std::uint64_t kNotFound =
     static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
 
-using Row = std::vector<std::string>;
+using optionrows::Row;
 
 void printLine(const std::string& text) {
     std::puts(text.c_str());
@@ -32,13 +33,6 @@ std::string replaceAll(std::string text, const std::string& from, const std::str
         position += to.size();
     }
     return text;
-}
-
-void dropTrailingSeparator(std::vector<Row>& rows, std::uint64_t lastSeparatorIndex) {
-    if (rows.size() == lastSeparatorIndex) {
-        rows.pop_back();
-        rows.pop_back();
-    }
 }
 
 }  // namespace
@@ -98,21 +92,11 @@ void GBOptionsHelper::printHelp() {
         if (!isHelp(option)) return;
         if (isOptionGroupEnd(option)) return;
         if (isSeparator(option)) {
-            dropTrailingSeparator(rows, lastSeparatorIndex);
-            rows.push_back({});
-            rows.push_back({describe(option.description())});
-            lastSeparatorIndex = rows.size();
+            optionrows::appendSeparator(rows, lastSeparatorIndex, option);
             return;
         }
         if (isOptionGroup(option)) {
-            // A group title is not content after a separator, so it leaves
-            // lastSeparatorIndex alone.
-            std::string title = describe(option.longOption());
-            if (option.description() && utf16Length(*option.description()) > 0) {
-                title += " " + *option.description();
-            }
-            rows.push_back({});
-            rows.push_back({title});
+            optionrows::appendGroup(rows, option);
             return;
         }
         std::string shortColumn = "  ";
@@ -134,7 +118,7 @@ void GBOptionsHelper::printHelp() {
         maxNameTypeLength = std::max(maxNameTypeLength, utf16Length(nameColumn));
         rows.push_back({shortColumn, nameColumn, option.description().value_or(std::string())});
     });
-    dropTrailingSeparator(rows, lastSeparatorIndex);
+    optionrows::dropTrailingSeparator(rows, lastSeparatorIndex);
 
     replacePlaceholdersAndPrintStringFromBlock(printHelpHeader_);
     for (const Row& row : rows) {

@@ -2,6 +2,7 @@
 
 #include "cli/GBOptionsHelper.h"
 #include "cli/GBSettings.h"
+#include "cli/OptionRows.h"
 #include "cli/Value.h"
 
 #include <algorithm>
@@ -14,7 +15,7 @@ namespace cli {
 
 namespace {
 
-using Row = std::vector<std::string>;
+using optionrows::Row;
 
 std::string arrayCellForLevel(GBSettings& level, const std::string& key) {
     std::string cell;
@@ -37,7 +38,7 @@ void GBOptionsHelper::printValuesFromSettings(GBSettings& settings) {
     std::size_t settingsHierarchyLevels = 0;
     // Unlike the help text this starts at 0; the header row is always there
     // before any record is seen, so 0 never matches a row count.
-    std::size_t lastSeparatorIndex = 0;
+    std::uint64_t lastSeparatorIndex = 0;
 
     Row header{"Option"};
     widths.push_back(utf16Length("Option"));
@@ -53,22 +54,11 @@ void GBOptionsHelper::printValuesFromSettings(GBSettings& settings) {
         if (!isPrint(option)) return;
         if (isOptionGroupEnd(option)) return;
         if (isSeparator(option)) {
-            if (rows.size() == lastSeparatorIndex) {
-                rows.pop_back();
-                rows.pop_back();
-            }
-            rows.push_back({});
-            rows.push_back({describe(option.description())});
-            lastSeparatorIndex = rows.size();
+            optionrows::appendSeparator(rows, lastSeparatorIndex, option);
             return;
         }
         if (isOptionGroup(option)) {
-            std::string title = describe(option.longOption());
-            if (option.description() && utf16Length(*option.description()) > 0) {
-                title += " " + *option.description();
-            }
-            rows.push_back({});
-            rows.push_back({title});
+            optionrows::appendGroup(rows, option);
             return;
         }
         const std::string key = describe(option.longOption());
@@ -91,10 +81,7 @@ void GBOptionsHelper::printValuesFromSettings(GBSettings& settings) {
         });
         rows.push_back(row);
     });
-    if (rows.size() == lastSeparatorIndex) {
-        rows.pop_back();
-        rows.pop_back();
-    }
+    optionrows::dropTrailingSeparator(rows, lastSeparatorIndex);
 
     replacePlaceholdersAndPrintStringFromBlock(printValuesHeader_);
     const Value arguments = settings.arguments();
