@@ -19,15 +19,23 @@ CFG=$LAB_DIR/tool.conf
 tool_write_config "$CFG" "$LAB_LINK_RESP" "$LAB_USER" "$LAB_PASSWORD" "$LAB_SERVER_NAME"
 
 case_responder_killed() {
-  local t0 reason
+  local t0 ms reason mark
   tool_start -c "$CFG"
   tool_wait_line "$MSG_CONNECTED" 15 || return 1
+  # let the new tunnel settle, so that only DPD can notice the dead server
+  sleep 2
   run in_init ping -c 1 -W 2 "$LAB_POOL_TARGET" >/dev/null || { fail "no traffic through the tunnel"; return 1; }
+  mark=$(wc -l <"$LAB_DIR/charon-init.log")
   t0=$(lab_now_ms)
   run kill -KILL "$LAB_RESP_PID"
   wait_until 5 eval '! lab_alive $LAB_RESP_PID' || { fail "the responder's charon survived SIGKILL"; return 1; }
   tool_wait_exit 90 || { fail "the tool still runs 90 s after its server died"; return 1; }
-  echo "server killed to tool exit: $(( $(lab_now_ms) - t0 )) ms"
+  ms=$(( $(lab_now_ms) - t0 ))
+  echo "server killed to tool exit: $ms ms"
+  tail -n "+$((mark + 1))" "$LAB_DIR/charon-init.log" | grep -q -F "sending DPD request" \
+    || { fail "charon sent no DPD request: something else than DPD ended the tunnel"; return 1; }
+  [ "$ms" -ge 50000 ] || { fail "ended $ms ms after the kill, before DPD (60 s) could notice"; return 1; }
+  echo "ok: ended by dead-peer detection"
   expect_eq "$TOOL_RC" 1 "status" || return 1
   tool_has_line "$MSG_LAST_ERROR" || { fail "no \"$MSG_LAST_ERROR<reason>\" line"; return 1; }
   reason=$(tool_last_error)

@@ -61,11 +61,11 @@ case_wrong_remote_identifier() {
   # certificate does not hold: the client finds the mismatch itself.
   tool_write_config "$CFG" "$LAB_LINK_ECHO" "$LAB_USER" "$LAB_PASSWORD" "wrong.orvane.test"
   tool_start -c "$CFG"
-  expect_failure 15 'identit|mismatch|wrong\.orvane\.test|certificat|trust' || return 1
-  never_connected || return 1
-  if tool_last_error | grep -q -i -E 'password|credential'; then
-    fail "the reason blames the user's credentials"; return 1
-  fi
+  # Its chain is trusted ("no issuer certificate found" never appears in
+  # charon's log, unlike the untrusted case), so the reason must name the
+  # identity, not the certificate's trust.
+  expect_failure 15 'identit|mismatch|wrong\.orvane\.test' || return 1
+  never_connected
 }
 
 case_no_proposal_chosen() {

@@ -368,6 +368,10 @@ EOF
 lab_make_netns() {
   run ip netns add "$LAB_NS_INIT"
   run ip netns add "$LAB_NS_RESP"
+  # No IPv6: its link-local address settling after the link comes up makes
+  # charon send a MOBIKE address update right after a connect.
+  run ip netns exec "$LAB_NS_INIT" sysctl -q -w net.ipv6.conf.all.disable_ipv6=1 net.ipv6.conf.default.disable_ipv6=1
+  run ip netns exec "$LAB_NS_RESP" sysctl -q -w net.ipv6.conf.all.disable_ipv6=1 net.ipv6.conf.default.disable_ipv6=1
   run ip link add "$LAB_VETH_INIT" netns "$LAB_NS_INIT" type veth peer name "$LAB_VETH_RESP" netns "$LAB_NS_RESP"
   run ip -n "$LAB_NS_INIT" addr add "$LAB_LINK_INIT/24" dev "$LAB_VETH_INIT"
   run ip -n "$LAB_NS_RESP" addr add "$LAB_LINK_RESP/24" dev "$LAB_VETH_RESP"
