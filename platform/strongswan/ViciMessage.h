@@ -35,7 +35,7 @@ public:
     // straight into their final place, so no moved-from copy is left behind.
     // Call `reserve` first when more entries follow.
     ViciSection& addSecret(std::string name, std::string_view secret);
-    void reserve(std::size_t entries) { entries_.reserve(entries); }
+    void reserve(std::size_t entries);
     // Overwrites every name, value and list item with zeros, then empties
     // the section.
     void wipe();
@@ -49,7 +49,7 @@ public:
 
     const std::vector<ViciEntry>& entries() const { return entries_; }
     std::vector<ViciEntry>& entries() { return entries_; }
-    bool empty() const { return entries_.empty(); }
+    bool empty() const;
 
     bool operator==(const ViciSection& other) const;
 
@@ -67,6 +67,14 @@ struct ViciEntry {
 
     bool operator==(const ViciEntry&) const = default;
 };
+
+inline void ViciSection::reserve(std::size_t entries) {
+    entries_.reserve(entries);
+}
+
+inline bool ViciSection::empty() const {
+    return entries_.empty();
+}
 
 enum class ViciElement : std::uint8_t {
     SectionStart = 1,
