@@ -32,11 +32,18 @@ StrongSwanConnection::~StrongSwanConnection() {
     }
 }
 
+NEVPNStatus StrongSwanConnection::status() const {
+    if (!tracker_.active() && !manager_.protocolConfiguration()) {
+        return NEVPNStatusInvalid;
+    }
+    return tracker_.status();
+}
+
 void StrongSwanConnection::changed(bool didChange) {
     if (!didChange) {
         return;
     }
-    DDLogDebug("IKEv2 charon status {}", static_cast<std::int64_t>(tracker_.status()));
+    DDLogDebug("IKEv2 charon status {}", static_cast<std::int64_t>(status()));
     if (options_.statusChanged) {
         asio::post(context_, [notify = options_.statusChanged] { notify(); });
     }
@@ -254,6 +261,8 @@ void StrongSwanConnection::onCommandEvent(const std::string& name, const ViciSec
 void StrongSwanConnection::onEventsClosed(const std::string& reason) {
     DDLogDebug("IKEv2 charon event connection lost: {}", reason);
     events_.reset();
+    // A restarted charon has forgotten the connection loaded over VICI.
+    manager_.setConnectionLoaded(false);
     if (tracker_.active()) {
         log_.note("charon closed the control connection");
         changed(tracker_.tunnelGone());

@@ -56,7 +56,9 @@ public:
                          const StrongSwanOptions& options);
     ~StrongSwanConnection() override;
 
-    NEVPNStatus status() const override { return tracker_.status(); }
+    // Invalid while no profile is known and no tunnel runs, as for a VPN
+    // that is not configured.
+    NEVPNStatus status() const override;
     OptionalError startVPNTunnel(const NEVPNStartOptions& options) override;
     void stopVPNTunnel() override;
 

@@ -498,9 +498,27 @@ TEST_F(StrongSwanManagerTest, StopWhileConnectingEndsWithoutADownEvent) {
 
 TEST_F(StrongSwanManagerTest, StopBeforeStartSendsNothing) {
     make();
+    ASSERT_NE(manager->connection(), nullptr);
+    EXPECT_EQ(status(), platform::NEVPNStatusInvalid) << "nothing configured yet";
     manager->connection()->stopVPNTunnel();
     EXPECT_TRUE(server.requests("terminate").empty());
+    saveToolProfile();
     EXPECT_EQ(status(), platform::NEVPNStatusDisconnected);
+    manager->connection()->stopVPNTunnel();
+    EXPECT_TRUE(server.requests("terminate").empty());
+}
+
+TEST_F(StrongSwanManagerTest, ARestartedCharonGetsTheConnectionAgain) {
+    make();
+    saveToolProfile();
+    startAndConnect();
+    server.hangUpAll();
+    ASSERT_TRUE(runUntil([&] { return status() == platform::NEVPNStatusDisconnected; }));
+    EXPECT_FALSE(manager->connectionLoaded());
+    std::size_t loads = server.requests("load-conn").size();
+    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", kPassword}).has_value());
+    ASSERT_TRUE(runUntil([&] { return server.requests("initiate").size() == 2; }));
+    EXPECT_EQ(server.requests("load-conn").size(), loads + 1);
 }
 
 TEST_F(StrongSwanManagerTest, EndpointChangeWhileConnectedReasserts) {
