@@ -226,12 +226,18 @@ void StrongSwanConnection::tunnelEnded() {
     pollTimer_.cancel();
     pollScheduled_ = false;
     initiated_ = false;
-    if (commands_ && commands_->isOpen()) {
-        commands_->request("unload-shared", buildUnloadShared(), [](ViciReply reply) {
-            if (!reply.succeeded()) {
-                DDLogDebug("IKEv2 unload-shared: {}", reply.failure());
-            }
-        });
+    // Synchronously, like the stop: the status notification that follows
+    // may end the process, and the secret must not stay behind in charon.
+    ViciSyncClient vici(options_.socketPath);
+    std::string error;
+    if (!vici.connect(error)) {
+        DDLogDebug("IKEv2 charon not reachable to unload the secret: {}", error);
+        return;
+    }
+    ViciReply reply = vici.request("unload-shared", buildUnloadShared(),
+                                   ViciSyncClient::Clock::now() + options_.stopTimeout);
+    if (!reply.succeeded()) {
+        DDLogDebug("IKEv2 unload-shared: {}", reply.failure());
     }
 }
 
