@@ -2,6 +2,7 @@
 
 #include <re2/re2.h>
 
+#include <iterator>
 #include <memory>
 #include <vector>
 
@@ -33,7 +34,9 @@ constexpr Rule kRules[] = {
      "server certificate revocation check failed"},
     {R"(certificate was revoked)", "server certificate revoked"},
     {R"(no issuer certificate found for)", "server certificate not trusted"},
-    {R"(no trusted \w+ public key found for)", "server certificate not trusted"},
+    // Without a trust failure before it, a trusted certificate simply does
+    // not hold the identity asked for (see lastReason).
+    {R"(no trusted \w+ public key found for)", "server identity mismatch"},
     // Negotiation.
     {R"(received NO_PROPOSAL_CHOSEN notify error)", "no proposal chosen"},
     {R"(received proposals? .*unacceptable|no acceptable proposal found)", "no proposal chosen"},
@@ -61,6 +64,20 @@ constexpr const char* kSilentEnds[] = {
     R"(unable to resolve .*, initiate aborted)",
     R"(establishing CHILD_SA .* failed)",
 };
+
+// Lines that show the server's certificate chain was not trusted; when one
+// of them came first, a later "no trusted public key" line is about trust,
+// not about the identity.
+constexpr const char* kTrustFailure =
+    R"(no issuer certificate found for|constraint check failed: peer not authenticated by CA|)"
+    R"(certificate was revoked)";
+constexpr const char* kTrustReason = "server certificate not trusted";
+constexpr const char* kIdentityReason = "server identity mismatch";
+
+const RE2& trustFailure() {
+    static const RE2 compiled(kTrustFailure);
+    return compiled;
+}
 
 struct CompiledRule {
     std::unique_ptr<RE2> regex;
@@ -147,9 +164,21 @@ std::string DisconnectLog::lastReason(std::optional<Clock::time_point> since) co
         if (since && it->when < *since) {
             break;
         }
-        if (auto reason = disconnectReasonForLine(it->message)) {
-            return *reason;
+        auto reason = disconnectReasonForLine(it->message);
+        if (!reason) {
+            continue;
         }
+        if (*reason == kIdentityReason) {
+            for (auto earlier = std::next(it); earlier != lines_.rend(); ++earlier) {
+                if (since && earlier->when < *since) {
+                    break;
+                }
+                if (RE2::PartialMatch(earlier->message, trustFailure())) {
+                    return kTrustReason;
+                }
+            }
+        }
+        return *reason;
     }
     return {};
 }

@@ -24,7 +24,7 @@ const LineCase kLines[] = {
     {"received AUTHENTICATION_FAILED notify error", "authentication failed"},
     {"verification of AUTH payload with EAP MSK failed", "authentication failed"},
     {"no issuer certificate found for \"CN=vpn.example.net\"", "server certificate not trusted"},
-    {"no trusted RSA public key found for 'vpn.example.net'", "server certificate not trusted"},
+    {"no trusted RSA public key found for 'vpn.example.net'", "server identity mismatch"},
     {"constraint check failed: peer not authenticated by CA 'CN=Orvane CA'",
      "server certificate not trusted"},
     {"constraint check failed: identity 'vpn.other.net' required", "server identity mismatch"},
@@ -82,6 +82,14 @@ TEST(DisconnectLogTest, ObservedFailureSequencesGiveTheirReason) {
          {"received end entity cert \"CN=vpn\"", "no issuer certificate found for \"CN=vpn\"",
           "  issuer is \"CN=Other CA\"", "no trusted RSA public key found for 'vpn'"},
          "server certificate not trusted"},
+        {"trusted certificate without the identity asked for",
+         {"received end entity cert \"CN=vpn.orvane.test\"",
+          "no trusted RSA public key found for 'wrong.orvane.test'"},
+         "server identity mismatch"},
+        {"certificate from a CA that is not the pinned one",
+         {"constraint check failed: peer not authenticated by CA 'CN=Other'",
+          "no trusted RSA public key found for 'vpn'"},
+         "server certificate not trusted"},
         {"server identity differs",
          {"constraint check failed: identity 'other' required",
           "selected peer config 'Orvane IKEv2' unacceptable: constraint checking failed",
@@ -130,6 +138,16 @@ TEST(DisconnectLogTest, MostRecentDecisiveLineSinceTheStartWins) {
     EXPECT_EQ(log.lastReason(t0 + 3s), "");
     log.clear();
     EXPECT_EQ(log.lastReason(std::nullopt), "");
+}
+
+TEST(DisconnectLogTest, OnlyTrustFailuresSinceTheStartTurnAMissingKeyIntoATrustProblem) {
+    using namespace std::chrono_literals;
+    ss::DisconnectLog log("Orvane IKEv2");
+    auto t0 = ss::DisconnectLog::Clock::now();
+    log.add(logLine("no issuer certificate found for \"CN=vpn\""), t0 - 10s);
+    log.add(logLine("no trusted RSA public key found for 'vpn'"), t0 + 1s);
+    EXPECT_EQ(log.lastReason(t0), "server identity mismatch");
+    EXPECT_EQ(log.lastReason(std::nullopt), "server certificate not trusted");
 }
 
 TEST(DisconnectLogTest, BoundsWhatItKeeps) {
