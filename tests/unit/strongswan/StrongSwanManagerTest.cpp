@@ -135,7 +135,7 @@ protected:
         });
     }
 
-    ss::StrongSwanManager& make() {
+    ss::StrongSwanManager& make(const std::function<void(ss::StrongSwanOptions&)>& tweak = {}) {
         ss::StrongSwanOptions options;
         options.socketPath = server.path();
         options.preferencesPath = prefs;
@@ -145,6 +145,9 @@ protected:
             ++notifications;
             seen.push_back(manager->connection()->status());
         };
+        if (tweak) {
+            tweak(options);
+        }
         manager = std::make_unique<ss::StrongSwanManager>(io, std::move(options));
         return *manager;
     }
@@ -485,6 +488,28 @@ TEST_F(StrongSwanManagerTest, StopTerminatesBeforeItReturns) {
     EXPECT_EQ(status(), platform::NEVPNStatusDisconnecting);
     server.emit("ike-updown", updown(kConn, false, "DELETING"));
     ASSERT_TRUE(runUntil([&] { return status() == platform::NEVPNStatusDisconnected; }));
+}
+
+TEST_F(StrongSwanManagerTest, AHungCharonHoldsTheStopOnlyBriefly) {
+    make([](ss::StrongSwanOptions& o) { o.stopTimeout = 100ms; });
+    saveToolProfile();
+    startAndConnect();
+    server.on("terminate", [](Link&, const ViciSection&) {});
+    server.on("unload-shared", [](Link&, const ViciSection&) {});
+    auto start = std::chrono::steady_clock::now();
+    manager->connection()->stopVPNTunnel();
+    auto took = std::chrono::steady_clock::now() - start;
+    EXPECT_LT(took, 1000ms);
+    EXPECT_EQ(server.requests("terminate").size(), 1u) << "the request went out all the same";
+    EXPECT_EQ(status(), platform::NEVPNStatusDisconnecting);
+}
+
+TEST_F(StrongSwanManagerTest, UnansweredLoadConnIsNoSaveError) {
+    server.on("load-conn", [](Link&, const ViciSection&) {});
+    make([](ss::StrongSwanOptions& o) { o.configTimeout = 100ms; });
+    saveToolProfile();
+    EXPECT_FALSE(manager->connectionLoaded());
+    EXPECT_TRUE(fs::exists(prefs));
 }
 
 TEST_F(StrongSwanManagerTest, StopWhileConnectingEndsWithoutADownEvent) {
