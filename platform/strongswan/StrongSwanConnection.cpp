@@ -175,6 +175,11 @@ void StrongSwanConnection::prerequisiteDone(std::uint64_t generation, bool ok,
 }
 
 void StrongSwanConnection::sendInitiate(std::uint64_t generation) {
+    if (!commands_ || !commands_->isOpen()) {
+        DDLogDebug("IKEv2 command connection lost before initiate");
+        changed(tracker_.startFailed());
+        return;
+    }
     std::weak_ptr<bool> alive = alive_;
     commands_->request(
         "initiate", buildInitiate(),
