@@ -1,0 +1,112 @@
+#include "log/DDLog.h"
+#include "platform/RunLoop.h"
+#include "tests/unit/double/ChildProcess.h"
+#include "tests/unit/double/PlatformDouble.h"
+#include "tool/Tool.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+
+using testing_support::StderrCapture;
+using Lines = std::vector<std::string>;
+using namespace std::chrono_literals;
+
+namespace {
+
+class SignalHandlingTest : public ::testing::Test {
+  protected:
+    static void SetUpTestSuite() { DDLog::addTTYLogger(); }
+    void SetUp() override {
+        platform().reset();
+        platform::removeAllStatusObservers();
+        ddLogLevel = DDLogLevelInfo;
+        terminated = false;
+        connector.reset();
+    }
+    void TearDown() override {
+        platform::removeAllStatusObservers();
+        platform().reset();
+        ddLogLevel = DDLogLevelInfo;
+        terminated = false;
+        connector.reset();
+    }
+    static platform_double::ScriptedPlatform& platform() {
+        return platform_double::ScriptedPlatform::instance();
+    }
+
+    // A connector whose tunnel start has gone out.
+    static void startConnector() {
+        connector = OVConnectorIKEv2::initWithServer(std::string("203.0.113.7"),
+                                                     std::string("alice"), std::string("pw"));
+        connector->connect();
+        platform().completeLoad();
+        platform().completeSave();
+        auto& loop = platform::RunLoop::main();
+        const auto end = platform::RunLoop::Clock::now() + 3s;
+        while (platform().startRequests().empty() && platform::RunLoop::Clock::now() < end) {
+            loop.runUntil(platform::RunLoop::Clock::now() + 10ms);
+        }
+        ASSERT_EQ(platform().startRequests().size(), 1u);
+    }
+};
+
+}  // namespace
+
+TEST_F(SignalHandlingTest, FirstSignalDisconnectsAndMarksTheToolTerminated) {
+    startConnector();
+    handle_signal(SIGTERM);
+    EXPECT_TRUE(terminated);
+    EXPECT_EQ(platform().stopCount(), 1);
+    EXPECT_FALSE(connector->connecting());
+}
+
+TEST_F(SignalHandlingTest, LaterSignalsAreOnlyLoggedAtVerboseLevel) {
+    startConnector();
+    ddLogLevel = DDLogLevelVerbose;
+    StderrCapture capture;
+    handle_signal(SIGUSR1);
+    handle_signal(SIGINT);
+    capture.restore();
+    EXPECT_EQ(capture.messages(),
+              (Lines{"Received signal " + std::to_string(SIGUSR1), "Received signal 2"}));
+    EXPECT_EQ(platform().stopCount(), 1);
+}
+
+TEST_F(SignalHandlingTest, ReceivedSignalLineIsHiddenAtTheDefaultLevel) {
+    startConnector();
+    StderrCapture capture;
+    handle_signal(SIGINT);
+    capture.restore();
+    EXPECT_EQ(capture.text(), "");
+    EXPECT_TRUE(terminated);
+}
+
+TEST_F(SignalHandlingTest, SignalWithoutAConnectorOnlyMarksTheToolTerminated) {
+    handle_signal(SIGTERM);
+    EXPECT_TRUE(terminated);
+    EXPECT_TRUE(platform().calls().empty());
+}
+
+TEST_F(SignalHandlingTest, SignalHandlerWakesTheLoopWhichEndsTheSliceAtOnce) {
+    register_signal_handlers();
+    startConnector();
+    auto& loop = platform::RunLoop::main();
+    loop.dispatchAfter(50ms, [] { std::raise(SIGUSR1); });
+    const auto start = platform::RunLoop::Clock::now();
+    loop.runUntil(start + 5s);
+    EXPECT_LT(platform::RunLoop::Clock::now() - start, 1s);
+    EXPECT_TRUE(terminated);
+    EXPECT_EQ(platform().stopCount(), 1);
+    for (int signo : {SIGUSR1, SIGINT, SIGTERM}) {
+        struct sigaction installed {};
+        ASSERT_EQ(::sigaction(signo, nullptr, &installed), 0);
+        EXPECT_EQ(installed.sa_handler, &sig_handler) << signo;
+        EXPECT_TRUE(sigisemptyset(&installed.sa_mask)) << signo;
+        EXPECT_EQ(installed.sa_flags & (SA_RESTART | SA_RESETHAND | SA_SIGINFO | SA_NODEFER), 0)
+            << signo;
+    }
+    for (int signo : {SIGUSR1, SIGINT, SIGTERM}) {
+        ::signal(signo, SIG_DFL);
+    }
+}
