@@ -47,15 +47,13 @@ suite_begin() {
 }
 
 # Sends SIGTERM to this script after SECONDS, so that the EXIT trap still
-# cleans up before CTest's own timeout kills everything.
+# cleans up before CTest's own timeout kills everything. One process (no
+# shell subshell, no sleep child), so killing it by PID leaves nothing.
 suite_watchdog() {
-  local secs=$1 main=$$
-  (
-    trap 'kill "$s" 2>/dev/null; exit 0' TERM
-    sleep "$secs" &
-    s=$!
-    wait "$s" && { echo "suite watchdog: ${secs}s elapsed, stopping"; kill -TERM "$main"; }
-  ) &
+  python3 -c 'import os, signal, sys, time
+time.sleep(float(sys.argv[1]))
+print("suite watchdog: %s s elapsed, stopping" % sys.argv[1], flush=True)
+os.kill(int(sys.argv[2]), signal.SIGTERM)' "$1" "$BASHPID" &
   LAB_PIDS+=("$!")
 }
 

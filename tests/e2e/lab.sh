@@ -176,6 +176,9 @@ lab_init() {
   chmod 700 "$LAB_DIR"
   LAB_USER=alice$LAB_ID
   LAB_PASSWORD=Pw-$(od -An -N12 -tx1 /dev/urandom | tr -d ' \n')
+  # Subshells inherit these traps (a subshell killed with SIGTERM runs them):
+  # only the main shell may clean up.
+  LAB_MAIN_PID=$BASHPID
   trap lab_cleanup EXIT
   trap 'exit 143' TERM
   trap 'exit 130' INT
@@ -185,6 +188,7 @@ lab_init() {
 
 lab_cleanup() {
   local rc=$? pid
+  [ "$BASHPID" = "$LAB_MAIN_PID" ] || return
   [ "$LAB_CLEANED" = 1 ] && return
   LAB_CLEANED=1
   trap - EXIT
@@ -198,6 +202,7 @@ lab_cleanup() {
   LAB_PIDS=()
   [ -n "${LAB_NS_INIT:-}" ] && ip netns del "$LAB_NS_INIT" 2>/dev/null
   [ -n "${LAB_NS_RESP:-}" ] && ip netns del "$LAB_NS_RESP" 2>/dev/null
+  [ -n "${LAB_NS_CLIENT:-}" ] && ip netns del "$LAB_NS_CLIENT" 2>/dev/null
   if [ -n "${LAB_DIR:-}" ] && [ -d "$LAB_DIR" ]; then
     if [ "${LAB_KEEP:-0}" = 1 ]; then lab_log "kept $LAB_DIR"; else rm -rf "$LAB_DIR"; fi
   fi
@@ -445,6 +450,23 @@ lab_resp_load() {
 lab_init_load() {
   run in_init swanctl --load-creds --noprompt --file "$LAB_DIR/init/swanctl.conf" >>"$LAB_DIR/swanctl-init.out" 2>&1 \
     || { lab_log "initiator swanctl --load-creds failed"; tail -n 20 "$LAB_DIR/swanctl-init.out"; return 1; }
+}
+
+# A second, bare client namespace ovc-ID (no charon in it) with its own veth
+# to the responder: 192.0.2.129/25 here, 192.0.2.130/25 at the responder,
+# and the rest of 192.0.2.0/24 through the responder. For one-shot clients
+# (charon-cmd) that bring their own IKE daemon.
+lab_add_client() {
+  LAB_NS_CLIENT=ovc-$LAB_ID
+  run ip netns add "$LAB_NS_CLIENT"
+  run ip netns exec "$LAB_NS_CLIENT" sysctl -q -w net.ipv6.conf.all.disable_ipv6=1 net.ipv6.conf.default.disable_ipv6=1
+  run ip link add "ovc$LAB_ID" netns "$LAB_NS_CLIENT" type veth peer name "ovs$LAB_ID" netns "$LAB_NS_RESP"
+  run ip -n "$LAB_NS_CLIENT" addr add 192.0.2.129/25 dev "ovc$LAB_ID"
+  run ip -n "$LAB_NS_RESP" addr add 192.0.2.130/25 dev "ovs$LAB_ID"
+  run ip -n "$LAB_NS_CLIENT" link set lo up
+  run ip -n "$LAB_NS_CLIENT" link set "ovc$LAB_ID" up
+  run ip -n "$LAB_NS_RESP" link set "ovs$LAB_ID" up
+  run ip -n "$LAB_NS_CLIENT" route add 192.0.2.0/24 via 192.0.2.130
 }
 
 lab_start_responder() { lab_start_charon resp && lab_resp_load; }
