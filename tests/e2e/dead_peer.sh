@@ -28,7 +28,7 @@ case_responder_killed() {
   mark=$(wc -l <"$LAB_DIR/charon-init.log")
   t0=$(lab_now_ms)
   run kill -KILL "$LAB_RESP_PID"
-  wait_until 5 eval '! lab_alive $LAB_RESP_PID' || { fail "the responder's charon survived SIGKILL"; return 1; }
+  wait_until 5 lab_gone "$LAB_RESP_PID" || { fail "the responder's charon survived SIGKILL"; return 1; }
   tool_wait_exit 90 || { fail "the tool still runs 90 s after its server died"; return 1; }
   ms=$(( $(lab_now_ms) - t0 ))
   echo "server killed to tool exit: $ms ms"

@@ -119,7 +119,7 @@ tool_start() {
   LAB_PIDS+=("$TOOL_PID")
 }
 
-tool_gone() { lab_alive "$TOOL_PID" && return 1; return 0; }
+tool_gone() { lab_gone "$TOOL_PID"; }
 
 # tool_wait_exit SECONDS: sets TOOL_RC and TOOL_MS (start to exit); kills the
 # tool and fails when it is still running after SECONDS.

@@ -81,10 +81,6 @@ sw_initiate() {
   echo "swanctl --initiate: status $SW_RC after $SW_MS ms"
 }
 
-sw_unload() {
-  in_init swanctl --load-all --noprompt --file "$LAB_DIR/init/swanctl.conf" >/dev/null 2>&1
-}
-
 case_connect_ping() {
   local before after vip
   sw_load "$LAB_LINK_RESP" "$LAB_SERVER_NAME" "$LAB_PASSWORD" || return 1
@@ -184,13 +180,9 @@ case_responder_killed() {
   expect_log "giving up after 2 retransmits"
 }
 
-# Between cases: unload "sw" and its secret, then the usual reset.
-t_reset_selftest() { sw_unload; t_reset; }
-
 for c in case_connect_ping case_wrong_password case_untrusted_certificate \
   case_wrong_identity_echo_server case_wrong_identity_strict_server \
   case_no_proposal_chosen case_unreachable case_responder_deletes case_responder_killed; do
-  t_case "$c" "${c#case_}"
-  sw_unload
+  t_case "$c" "${c#case_}"    # t_reset also unloads "sw" and its secret
 done
 suite_end
