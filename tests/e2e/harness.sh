@@ -137,7 +137,7 @@ tool_wait_exit() {
   TOOL_RC=$?
   TOOL_MS=$(( $(lab_now_ms) - TOOL_T0 ))
   lab_forget_pid "$TOOL_PID"
-  echo "tool exited with status $TOOL_RC after $TOOL_MS ms"
+  echo "tool exited with status $TOOL_RC, $TOOL_MS ms after it started"
 }
 
 # tool_run SECONDS ARGS...: start, then wait for the exit.
