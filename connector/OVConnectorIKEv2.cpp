@@ -141,6 +141,7 @@ void OVConnectorIKEv2::startTunnel(const OptionalError& saveError) {
     const OptionalError startError = connection ? connection->startVPNTunnel(options)
                                                 : OptionalError(NSError{0, "no connection"});
     if (startError) {
+        DDLogDebug("IKEv2 Start refused: {}", startError->description);
         // Deliberately the save handler's error, not the start error.
         DDLogInfo(
             "IKEv2 Error starting vpn tunnel: {}",
