@@ -194,7 +194,7 @@ void StrongSwanConnection::sendInitiate(std::uint64_t generation) {
                 return;
             }
             initiated_ = true;
-            schedulePoll(options_.pollInterval);
+            schedulePoll(regularPollInterval());
         },
         options_.initiateTimeout);
 }
@@ -295,6 +295,11 @@ void StrongSwanConnection::schedulePoll(std::chrono::milliseconds delay) {
     });
 }
 
+std::chrono::milliseconds StrongSwanConnection::regularPollInterval() const {
+    return tracker_.status() == NEVPNStatusConnected ? options_.establishedPollInterval
+                                                     : options_.pollInterval;
+}
+
 void StrongSwanConnection::poll() {
     if (!tracker_.active()) {
         return;
@@ -302,7 +307,7 @@ void StrongSwanConnection::poll() {
     std::string error;
     if (!openCommands(error)) {
         DDLogDebug("IKEv2 cannot check the tunnel: {}", error);
-        schedulePoll(options_.pollInterval);
+        schedulePoll(regularPollInterval());
         return;
     }
     pollInFlight_ = true;
@@ -336,7 +341,7 @@ void StrongSwanConnection::poll() {
                 tracker_.setLocalVips(pollVips_);
             }
         }
-        schedulePoll(options_.pollInterval);
+        schedulePoll(regularPollInterval());
     });
 }
 

@@ -33,8 +33,13 @@ struct StrongSwanOptions {
     std::string preferencesPath = kDefaultPreferencesPath;
     // Called (on the io_context) after every status change.
     std::function<void()> statusChanged;
-    // How often charon is asked whether the tunnel's IKE_SA still exists.
+    // How often charon is asked whether the tunnel's IKE_SA still exists
+    // while it is being set up: a setup that dies silently raises no event.
     std::chrono::milliseconds pollInterval{1000};
+    // The same once the tunnel is up. charon then reports every end with an
+    // event (or by closing the event socket), so this is a slow safety net
+    // that keeps an idle tunnel from waking the tool.
+    std::chrono::milliseconds establishedPollInterval{30000};
     // The check that follows a log line announcing a silent end.
     std::chrono::milliseconds silentEndCheck{100};
     // Waiting for log lines that trail the down event.
@@ -79,6 +84,8 @@ private:
     void changed(bool didChange);
     void tunnelEnded();
     void schedulePoll(std::chrono::milliseconds delay);
+    // The interval to the next regular check, by the tunnel's status.
+    std::chrono::milliseconds regularPollInterval() const;
     void poll();
 
     StrongSwanManager& manager_;

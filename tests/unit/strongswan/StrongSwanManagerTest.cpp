@@ -455,6 +455,37 @@ TEST_F(StrongSwanManagerTest, TunnelThatVanishesWithoutAnEventIsDetected) {
                                              platform::NEVPNStatusDisconnected}));
 }
 
+TEST_F(StrongSwanManagerTest, SetupIsCheckedOftenButAConnectedTunnelOnlyAtTheSlowInterval) {
+    make([](ss::StrongSwanOptions& options) { options.establishedPollInterval = 1h; });
+    saveToolProfile();
+    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", kPassword}).has_value());
+    // While connecting, a setup that dies silently is looked for every 50 ms.
+    ASSERT_TRUE(runUntil([&] { return server.requests("list-sas").size() >= 3; }, 1000ms));
+    {
+        std::lock_guard lock(state.mutex);
+        state.vips = {"127.0.0.1"};
+    }
+    server.emit("ike-updown", updown(kConn, true, "ESTABLISHED", {"127.0.0.1"}));
+    server.emit("child-updown", updown(kConn, true, "ESTABLISHED", {"127.0.0.1"}, true));
+    ASSERT_TRUE(runUntil([&] { return status() == platform::NEVPNStatusConnected; }));
+    runUntil([] { return false; }, 100ms);  // a check already under way ends
+    const std::size_t checks = server.requests("list-sas").size();
+    runUntil([] { return false; }, 500ms);
+    EXPECT_EQ(server.requests("list-sas").size(), checks) << "an idle tunnel wakes nobody";
+    EXPECT_EQ(status(), platform::NEVPNStatusConnected);
+}
+
+TEST_F(StrongSwanManagerTest, ConnectedTunnelThatVanishesIsFoundByTheSlowCheck) {
+    make([](ss::StrongSwanOptions& options) { options.establishedPollInterval = 100ms; });
+    saveToolProfile();
+    startAndConnect();
+    {
+        std::lock_guard lock(state.mutex);
+        state.saPresent = false;
+    }
+    EXPECT_TRUE(runUntil([&] { return status() == platform::NEVPNStatusDisconnected; }, 2000ms));
+}
+
 TEST_F(StrongSwanManagerTest, FailedInitiateEndsTheStart) {
     state.initiateAnswer = success(false, "establishing CHILD_SA 'orvane' failed");
     server.on("initiate", [this](Link& link, const ViciSection&) {
