@@ -1,4 +1,5 @@
 #include "platform/strongswan/ProfileStore.h"
+#include "tests/unit/strongswan/ToolProfile.h"
 
 #include <gtest/gtest.h>
 
@@ -7,41 +8,23 @@
 
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 
 namespace ss = platform::strongswan;
 namespace fs = std::filesystem;
 using platform::NSError;
 
+using testprofile::readFile;
+
 namespace {
 
 ss::StoredProfile sampleProfile() {
     ss::StoredProfile profile;
-    auto& p = profile.protocol;
-    p.username = "alice";
-    p.serverAddress = "vpn.example.net";
-    p.remoteIdentifier = "vpn.example.net";
-    p.authenticationMethod = platform::NEVPNIKEAuthenticationMethodCertificate;
-    p.useExtendedAuthentication = true;
-    p.enableRevocationCheck = true;
-    p.enablePFS = true;
-    p.disconnectOnSleep = true;
-    p.deadPeerDetectionRate = platform::NEVPNIKEv2DeadPeerDetectionRateHigh;
-    p.IKESecurityAssociationParameters = {platform::NEVPNIKEv2EncryptionAlgorithmAES256,
-                                          platform::NEVPNIKEv2IntegrityAlgorithmSHA256,
-                                          platform::NEVPNIKEv2DiffieHellmanGroup14, 1440};
-    p.childSecurityAssociationParameters = p.IKESecurityAssociationParameters;
+    profile.protocol = testprofile::toolProfile();
     profile.enabled = true;
     profile.localizedDescription = "Orvane IKEv2";
     return profile;
 }
 
-std::string readFile(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
 
 void writeFile(const fs::path& path, const std::string& text) {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);

@@ -4,6 +4,7 @@
 #include "platform/strongswan/ViciProfile.h"
 #include "tests/unit/strongswan/FakeCharon.h"
 #include "tests/unit/strongswan/LogCapture.h"
+#include "tests/unit/strongswan/ToolProfile.h"
 
 #include <gtest/gtest.h>
 
@@ -12,7 +13,6 @@
 #include <atomic>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 
 namespace ss = platform::strongswan;
 namespace fs = std::filesystem;
@@ -28,34 +28,13 @@ using ss::ViciSection;
 namespace {
 
 using namespace std::chrono_literals;
+using testprofile::readFile;
+using testprofile::toolProfile;
 
 const std::string kConn = "Orvane IKEv2";
 const std::string kPassword = "Pa55 w0rd!x";
 
-platform::NEVPNProtocolIKEv2 toolProfile() {
-    platform::NEVPNProtocolIKEv2 p;
-    p.username = "alice";
-    p.serverAddress = "vpn.example.net";
-    p.remoteIdentifier = "vpn.example.net";
-    p.authenticationMethod = platform::NEVPNIKEAuthenticationMethodCertificate;
-    p.useExtendedAuthentication = true;
-    p.enableRevocationCheck = true;
-    p.enablePFS = true;
-    p.disconnectOnSleep = true;
-    p.deadPeerDetectionRate = platform::NEVPNIKEv2DeadPeerDetectionRateHigh;
-    p.IKESecurityAssociationParameters = {platform::NEVPNIKEv2EncryptionAlgorithmAES256,
-                                          platform::NEVPNIKEv2IntegrityAlgorithmSHA256,
-                                          platform::NEVPNIKEv2DiffieHellmanGroup14, 1440};
-    p.childSecurityAssociationParameters = p.IKESecurityAssociationParameters;
-    return p;
-}
 
-std::string readFile(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
 
 ViciSection success(bool ok = true, const std::string& errmsg = {}) {
     ViciSection s;

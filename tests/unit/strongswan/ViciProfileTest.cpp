@@ -1,4 +1,5 @@
 #include "platform/strongswan/ViciProfile.h"
+#include "tests/unit/strongswan/ToolProfile.h"
 
 #include <gtest/gtest.h>
 
@@ -8,26 +9,6 @@ using ss::ViciSection;
 
 namespace {
 
-platform::NEVPNProtocolIKEv2 toolProfile() {
-    platform::NEVPNProtocolIKEv2 p;
-    p.username = "alice";
-    p.serverAddress = "vpn.example.net";
-    p.remoteIdentifier = "server.example.net";
-    p.authenticationMethod = platform::NEVPNIKEAuthenticationMethodCertificate;
-    p.useExtendedAuthentication = true;
-    p.enableRevocationCheck = true;
-    p.enablePFS = true;
-    p.disconnectOnSleep = true;
-    p.deadPeerDetectionRate = platform::NEVPNIKEv2DeadPeerDetectionRateHigh;
-    p.IKESecurityAssociationParameters.encryptionAlgorithm =
-        platform::NEVPNIKEv2EncryptionAlgorithmAES256;
-    p.IKESecurityAssociationParameters.integrityAlgorithm =
-        platform::NEVPNIKEv2IntegrityAlgorithmSHA256;
-    p.IKESecurityAssociationParameters.diffieHellmanGroup =
-        platform::NEVPNIKEv2DiffieHellmanGroup14;
-    p.childSecurityAssociationParameters = p.IKESecurityAssociationParameters;
-    return p;
-}
 
 // One expected entry: path of sections, kind, and the value or items.
 struct Expect {
@@ -63,7 +44,7 @@ std::string joined(const std::vector<std::string>& path) {
 TEST(ViciProfileTest, ToolProfileBecomesTheExpectedTypedConnection) {
     ViciSection message;
     std::string error;
-    ASSERT_TRUE(ss::buildLoadConn(toolProfile(), message, error)) << error;
+    ASSERT_TRUE(ss::buildLoadConn(testprofile::toolProfile("server.example.net"), message, error)) << error;
     using K = ViciEntry::Kind;
     const std::string c = "Orvane IKEv2";
     std::vector<Expect> expected = {
@@ -109,7 +90,7 @@ TEST(ViciProfileTest, ToolProfileBecomesTheExpectedTypedConnection) {
 }
 
 TEST(ViciProfileTest, OptionalSettingsChangeOnlyTheirKeys) {
-    auto p = toolProfile();
+    auto p = testprofile::toolProfile("server.example.net");
     p.enablePFS = false;
     p.enableRevocationCheck = false;
     p.deadPeerDetectionRate = platform::NEVPNIKEv2DeadPeerDetectionRateNone;
@@ -206,23 +187,23 @@ TEST(ViciProfileTest, ProposalsForEveryAlgorithm) {
 TEST(ViciProfileTest, RefusesWhatCharonCouldNotUse) {
     std::string error;
     ViciSection message;
-    auto p = toolProfile();
+    auto p = testprofile::toolProfile("server.example.net");
     p.serverAddress.reset();
     EXPECT_FALSE(ss::buildLoadConn(p, message, error));
     EXPECT_NE(error.find("server"), std::string::npos);
 
-    p = toolProfile();
+    p = testprofile::toolProfile("server.example.net");
     p.IKESecurityAssociationParameters.encryptionAlgorithm =
         static_cast<platform::NEVPNIKEv2EncryptionAlgorithm>(42);
     EXPECT_FALSE(ss::buildLoadConn(p, message, error));
     EXPECT_NE(error.find("42"), std::string::npos);
 
-    p = toolProfile();
+    p = testprofile::toolProfile("server.example.net");
     p.childSecurityAssociationParameters.diffieHellmanGroup =
         static_cast<platform::NEVPNIKEv2DiffieHellmanGroup>(3);
     EXPECT_FALSE(ss::buildLoadConn(p, message, error));
 
-    p = toolProfile();
+    p = testprofile::toolProfile("server.example.net");
     p.username.reset();
     EXPECT_FALSE(ss::buildLoadConn(p, message, error));
 }
