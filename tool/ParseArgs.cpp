@@ -5,6 +5,19 @@
 
 #include <cstdlib>
 
+void register_tool_options(cli::GBOptionsHelper& options) {
+    options.registerOption('c', std::string("config"), std::string("Read configurations from file"),
+                           0);
+    options.registerOption(0, std::string("check"), std::string("Check configurations and exit"),
+                           2);
+    options.registerOption(0, std::string("create"), std::string("Create configurations and exit"),
+                           2);
+    options.registerOption(0, std::string("remove"), std::string("Remove configurations and exit"),
+                           2);
+    options.registerOption(0, std::string("verbose"), std::string("Print verbose logs"), 2);
+    options.registerOption('h', std::string("help"), std::string("Print help and exit"), 2);
+}
+
 cli::GBSettingsRef parse_args(int argc, char** argv) {
     // A level without storage: both defaults are lost on purpose, so no
     // configuration file name is in effect unless --config gives one.
@@ -16,16 +29,7 @@ cli::GBSettingsRef parse_args(int argc, char** argv) {
 
     auto parser = std::make_shared<cli::GBCommandLineParser>();
     cli::GBOptionsHelper options;
-    options.registerOption('c', std::string("config"), std::string("Read configurations from file"),
-                           0);
-    options.registerOption(0, std::string("check"), std::string("Check configurations and exit"),
-                           2);
-    options.registerOption(0, std::string("create"), std::string("Create configurations and exit"),
-                           2);
-    options.registerOption(0, std::string("remove"), std::string("Remove configurations and exit"),
-                           2);
-    options.registerOption(0, std::string("verbose"), std::string("Print verbose logs"), 2);
-    options.registerOption('h', std::string("help"), std::string("Print help and exit"), 2);
+    register_tool_options(options);
 
     parser->registerOptions(options);
     parser->registerSettings(settings);

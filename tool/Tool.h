@@ -15,6 +15,13 @@ extern std::shared_ptr<OVConnectorIKEv2> connector;
 // Set once a terminating signal has been handled; main's wait loop ends.
 extern std::atomic<bool> terminated;
 
+namespace cli {
+class GBOptionsHelper;
+}
+
+// Registers the tool's six options, in the order the help lists them.
+void register_tool_options(cli::GBOptionsHelper& options);
+
 // Parses the command line into the "Current" settings level. On a parse
 // error or --help, prints the help and ends the process with status 1.
 cli::GBSettingsRef parse_args(int argc, char** argv);

@@ -7,6 +7,7 @@
 #include "cli/GBOptionsHelper.h"
 #include "cli/GBSettings.h"
 #include "connector/OVConnectorIKEv2.h"
+#include "tool/Tool.h"
 
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
@@ -68,12 +69,7 @@ void ParseArguments(benchmark::State& state) {
 
     for (auto _ : state) {
         GBOptionsHelper options;
-        options.registerOption('c', "config", "Read configurations from file", 0);
-        options.registerOption(0, "check", "Check configurations and exit", 2);
-        options.registerOption(0, "create", "Create configurations and exit", 2);
-        options.registerOption(0, "remove", "Remove configurations and exit", 2);
-        options.registerOption(0, "verbose", "Print verbose logs", 2);
-        options.registerOption('h', "help", "Print help and exit", 2);
+        register_tool_options(options);
         auto parser = std::make_shared<GBCommandLineParser>();
         parser->registerOptions(options);
         parser->registerSettings(GBSettings::settingsWithName("Current", nullptr));
