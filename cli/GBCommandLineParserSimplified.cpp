@@ -4,10 +4,9 @@
 
 #include "cli/GBCommandLineParser.h"
 #include "cli/GBPrint.h"
+#include "os/Process.h"
 
 #include <cstdio>
-#include <fstream>
-#include <iterator>
 
 namespace cli {
 
@@ -58,21 +57,7 @@ bool GBCommandLineParser::parseOptionsWithArguments(const std::vector<std::strin
 }
 
 std::vector<std::string> processArguments() {
-    std::ifstream file("/proc/self/cmdline", std::ios::binary);
-    if (!file) return {};
-    const std::string bytes((std::istreambuf_iterator<char>(file)),
-                            std::istreambuf_iterator<char>());
-    // NUL-terminated entries, one per argument; an empty argument is an
-    // empty entry.
-    std::vector<std::string> arguments;
-    std::size_t start = 0;
-    while (start < bytes.size()) {
-        std::size_t end = bytes.find('\0', start);
-        if (end == std::string::npos) end = bytes.size();
-        arguments.push_back(bytes.substr(start, end - start));
-        start = end + 1;
-    }
-    return arguments;
+    return os::processArguments();
 }
 
 std::string processName() {

@@ -3,9 +3,9 @@
 #include "cli/GBOptionsHelper.h"
 #include "cli/OptionRows.h"
 #include "cli/Value.h"
+#include "os/Process.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <limits>
@@ -39,7 +39,7 @@ std::string replaceAll(std::string text, const std::string& from, const std::str
 
 std::string GBOptionsHelper::applicationNameFromBlockOrDefault() const {
     if (applicationName_) return applicationName_();
-    return program_invocation_short_name;
+    return os::programName();
 }
 
 std::optional<std::string> GBOptionsHelper::applicationVersionFromBlockOrNil() const {

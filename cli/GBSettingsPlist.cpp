@@ -7,11 +7,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <limits>
 #include <vector>
 
@@ -91,23 +92,33 @@ bool readFile(const std::string& path, std::string& bytes, int& number) {
     return true;
 }
 
-mode_t currentUmask() {
-    // Read rather than set-and-restore, which would briefly change it for
-    // every thread of the process.
-    std::ifstream status("/proc/self/status");
-    std::string line;
-    while (std::getline(status, line)) {
-        if (line.rfind("Umask:", 0) == 0)
-            return static_cast<mode_t>(std::stoul(line.substr(6), nullptr, 8));
+// Creates a new file named `path` plus a dot and six random letters. Made
+// with O_EXCL and mode 0666, so the system applies the umask as for any new
+// file, and an existing file or symbolic link of that name is never opened.
+int createTemporaryBeside(const std::string& path, std::string& temporary) {
+    static const char kLetters[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
+    static std::atomic<std::uint64_t> counter{0};
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        std::uint64_t bits = static_cast<std::uint64_t>(
+                                 std::chrono::steady_clock::now().time_since_epoch().count()) ^
+                             (static_cast<std::uint64_t>(::getpid()) << 40) ^
+                             (++counter * 0x9E3779B97F4A7C15ull);
+        bits = (bits ^ (bits >> 30)) * 0xBF58476D1CE4E5B9ull;
+        bits = (bits ^ (bits >> 27)) * 0x94D049BB133111EBull;
+        bits ^= bits >> 31;
+        temporary = path + ".";
+        for (int i = 0; i < 6; ++i, bits /= 62) temporary += kLetters[bits % 62];
+        const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+        if (fd >= 0 || errno != EEXIST) return fd;
     }
-    return 022;
+    return -1;
 }
 
 // Writes to a new file beside the target, flushes it to disk, then renames
 // it over the target, so readers see the old file or the new one, whole.
 bool writeFileAtomically(const std::string& path, const std::string& bytes, int& number) {
-    std::string temporary = path + ".XXXXXX";
-    const int fd = ::mkstemp(temporary.data());
+    std::string temporary;
+    const int fd = createTemporaryBeside(path, temporary);
     if (fd < 0) {
         number = errno;
         return false;
@@ -118,7 +129,6 @@ bool writeFileAtomically(const std::string& path, const std::string& bytes, int&
         ::unlink(temporary.c_str());
         return false;
     };
-    if (::fchmod(fd, 0666 & ~currentUmask()) != 0) return abandon();
     std::size_t written = 0;
     while (written < bytes.size()) {
         const ssize_t put = ::write(fd, bytes.data() + written, bytes.size() - written);

@@ -1,20 +1,20 @@
 #include "log/DDTTYLogger.h"
 
+#include "os/Process.h"
+
 #include <spdlog/details/log_msg.h>
 #include <spdlog/formatter.h>
 
 #include <fmt/format.h>
 
-#include <errno.h>
 #include <unistd.h>
-#include <cerrno>
 #include <chrono>
 #include <ctime>
 #include <iterator>
 
 std::string DDTTYLogger::processName() {
-    const char* name = program_invocation_short_name;
-    if (name == nullptr || *name == '\0') {
+    std::string name = os::programName();
+    if (name.empty()) {
         return "<UnnamedApp>";
     }
     return name;

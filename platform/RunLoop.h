@@ -1,10 +1,10 @@
 #pragma once
 
 // The main run loop: one thread turns it, and VPN completions, status
-// notifications, timers and the signal wake-up all run there. Built on
-// standalone Asio; backends put their sockets on `context()`.
-
-#include <asio/io_context.hpp>
+// notifications, timers and the signal wake-up all run there. One
+// implementation per OS, chosen by the build: Asio on Linux (the backend
+// reaches its io_context through platform/linux/IoContext.h), the main
+// CFRunLoop and the main dispatch queue on macOS. This header shows neither.
 
 #include <chrono>
 #include <functional>
@@ -12,13 +12,11 @@
 namespace platform {
 
 class RunLoop {
-public:
+  public:
     using Clock = std::chrono::steady_clock;
 
     // The process's main run loop.
     static RunLoop& main();
-
-    asio::io_context& context() { return context_; }
 
     // Runs handlers until `deadline` has passed or `stop()` was called,
     // whichever comes first (NSRunLoop's runUntilDate:).
@@ -31,7 +29,8 @@ public:
     // Queues `block` to run on the loop after `delay` (dispatch_after on the
     // main queue).
     void dispatchAfter(std::chrono::nanoseconds delay, std::function<void()> block);
-    // Queues `block` to run on the loop as soon as possible.
+    // Queues `block` to run on the loop as soon as possible; may be called
+    // from any thread.
     void post(std::function<void()> block);
 
     // Signal wake-up. After `watchSignals(handler)`, a call of
@@ -46,9 +45,16 @@ public:
     // signal taken during `connect` is acted on before any other handler.
     void deliverPendingSignals();
 
-private:
-    RunLoop();
-    asio::io_context context_;
+    // Around a fork() after which the child turns its copy of the loop:
+    // call with `prepare` before the fork, then `child` in the child and
+    // `parent` in the parent.
+    enum class ForkEvent { prepare, child, parent };
+    void notifyFork(ForkEvent event);
+
+  private:
+    RunLoop() = default;
+    // Makes the loop call deliverPendingSignals whenever `fd` is readable.
+    void watchReadable(int fd);
 };
 
 }  // namespace platform

@@ -3,7 +3,7 @@
 // preferences file, notifying the status observers.
 
 #include "platform/NEVPN.h"
-#include "platform/RunLoop.h"
+#include "platform/linux/IoContext.h"
 #include "platform/strongswan/StrongSwanManager.h"
 
 namespace platform {
@@ -16,7 +16,7 @@ strongswan::StrongSwanManager& shared() {
     static auto* manager = [] {
         strongswan::StrongSwanOptions options;
         options.statusChanged = [] { postStatusDidChange(); };
-        return new strongswan::StrongSwanManager(RunLoop::main().context(), std::move(options));
+        return new strongswan::StrongSwanManager(mainIoContext(), std::move(options));
     }();
     return *manager;
 }

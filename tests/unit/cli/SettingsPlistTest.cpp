@@ -205,6 +205,23 @@ TEST_F(SettingsPlistTest, SaveReplacesAnExistingFileAndLeavesNoTemporaryFile) {
     EXPECT_EQ(entries(), std::vector<std::string>{"out.plist"});
 }
 
+TEST_F(SettingsPlistTest, SavedFileHasTheModeOfANewFileUnderTheUmask) {
+    GBSettingsRef level = GBSettings::settingsWithName("L", nullptr);
+    level->setObject("v", "k");
+    const mode_t saved = ::umask(027);
+    const bool restricted = level->saveSettingsToPlist(path("restricted.plist"), nullptr);
+    ::umask(0);
+    const bool open = level->saveSettingsToPlist(path("open.plist"), nullptr);
+    ::umask(saved);
+    ASSERT_TRUE(restricted);
+    ASSERT_TRUE(open);
+    struct stat info {};
+    ASSERT_EQ(::stat(path("restricted.plist").c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 07777, 0640u);
+    ASSERT_EQ(::stat(path("open.plist").c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 07777, 0666u);
+}
+
 TEST_F(SettingsPlistTest, ValueAPropertyListCannotHoldFailsTheSaveAndWritesNoFile) {
     GBSettingsRef level = GBSettings::settingsWithName("L", nullptr);
     level->setObjectForLocalKey(Value::array({Value("ok"), Value()}), "broken");

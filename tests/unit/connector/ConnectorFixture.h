@@ -12,8 +12,6 @@
 
 #include <gtest/gtest.h>
 
-#include <asio/io_context.hpp>
-
 #include <chrono>
 
 class ConnectorTest : public ::testing::Test {
@@ -68,14 +66,15 @@ class ConnectorTest : public ::testing::Test {
 
     // Runs `body` in a child process whose log lines are captured.
     static testing_support::ChildResult inChild(const std::function<void()>& body) {
-        auto& context = platform::RunLoop::main().context();
+        using ForkEvent = platform::RunLoop::ForkEvent;
+        auto& loop = platform::RunLoop::main();
         return testing_support::runInChild(
             [&body] {
                 body();
                 std::exit(kNoExit);
             },
-            [&context] { context.notify_fork(asio::io_context::fork_prepare); },
-            [&context] { context.notify_fork(asio::io_context::fork_child); },
-            [&context] { context.notify_fork(asio::io_context::fork_parent); });
+            [&loop] { loop.notifyFork(ForkEvent::prepare); },
+            [&loop] { loop.notifyFork(ForkEvent::child); },
+            [&loop] { loop.notifyFork(ForkEvent::parent); });
     }
 };

@@ -1,5 +1,13 @@
 #include "platform/RunLoop.h"
 
+// The loop's header is the same on every OS: it must not bring in the Asio
+// loop that only the Linux implementation uses.
+#ifdef ASIO_DETAIL_CONFIG_HPP
+#error "platform/RunLoop.h includes Asio"
+#endif
+
+#include "tests/unit/double/ChildProcess.h"
+
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -162,4 +170,58 @@ TEST(RunLoopTest, WakeForSignalKeepsErrno) {
     RunLoop::wakeForSignal(SIGUSR1);
     EXPECT_EQ(errno, ERANGE);
     RunLoop::main().deliverPendingSignals();
+}
+
+TEST(RunLoopTest, SignalsWokenInABurstAreAllDelivered) {
+    auto& loop = RunLoop::main();
+    std::vector<int> received;
+    loop.watchSignals([&](int signo) { received.push_back(signo); });
+    for (int i = 0; i < 1000; ++i) {
+        RunLoop::wakeForSignal(i % 2 == 0 ? SIGINT : SIGTERM);
+    }
+    loop.deliverPendingSignals();
+    ASSERT_EQ(received.size(), 1000u);
+    EXPECT_EQ(received.front(), SIGINT);
+    EXPECT_EQ(received.back(), SIGTERM);
+}
+
+TEST(RunLoopTest, WakeForSignalNeverBlocksWhenNothingReadsThePipe) {
+    auto& loop = RunLoop::main();
+    std::size_t delivered = 0;
+    loop.watchSignals([&delivered](int) { ++delivered; });
+    // Far more wake-ups than a pipe holds: the surplus is dropped, and the
+    // loop is still woken.
+    for (int i = 0; i < 200000; ++i) {
+        RunLoop::wakeForSignal(SIGUSR1);
+    }
+    loop.deliverPendingSignals();
+    EXPECT_GT(delivered, 0u);
+    EXPECT_LT(delivered, 200000u);
+    const std::size_t before = delivered;
+    RunLoop::wakeForSignal(SIGUSR1);
+    loop.deliverPendingSignals();
+    EXPECT_EQ(delivered, before + 1);
+}
+
+TEST(RunLoopTest, AForkedChildTurnsItsOwnLoopAndTheParentsKeepsWorking) {
+    using ForkEvent = RunLoop::ForkEvent;
+    auto& loop = RunLoop::main();
+    bool parentRan = false;
+    loop.dispatchAfter(50ms, [&parentRan] { parentRan = true; });
+    // The child runs past the parent's timer too (its copy fires there), so
+    // a loop sharing the parent's kernel objects would leave the parent's
+    // timer unarmed.
+    const auto child = testing_support::runInChild(
+        [&loop] {
+            bool childRan = false;
+            loop.dispatchAfter(20ms, [&childRan] { childRan = true; });
+            loop.runUntil(RunLoop::Clock::now() + 150ms);
+            std::exit(childRan ? 0 : 3);
+        },
+        [&loop] { loop.notifyFork(ForkEvent::prepare); },
+        [&loop] { loop.notifyFork(ForkEvent::child); },
+        [&loop] { loop.notifyFork(ForkEvent::parent); });
+    EXPECT_EQ(child.exitStatus, 0);
+    loop.runUntil(RunLoop::Clock::now() + 400ms);
+    EXPECT_TRUE(parentRan);
 }

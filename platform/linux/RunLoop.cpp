@@ -1,0 +1,115 @@
+// The main run loop on Linux: an Asio io_context.
+
+#include "platform/RunLoop.h"
+
+#include "platform/linux/IoContext.h"
+
+#include <asio/executor_work_guard.hpp>
+#include <asio/posix/stream_descriptor.hpp>
+#include <asio/post.hpp>
+#include <asio/steady_timer.hpp>
+
+#include <fcntl.h>
+#include <memory>
+
+namespace platform {
+
+namespace {
+
+// The readiness watch of the signal pipe. It waits on a duplicate of the
+// read end and reads nothing itself: the bytes are read by
+// deliverPendingSignals, which main also calls between slices.
+asio::posix::stream_descriptor*& signalDescriptor() {
+    static asio::posix::stream_descriptor* descriptor = nullptr;
+    return descriptor;
+}
+
+void armSignalWait(RunLoop& loop) {
+    signalDescriptor()->async_wait(asio::posix::stream_descriptor::wait_read,
+                                   [&loop](const asio::error_code& error) {
+                                       if (error) {
+                                           return;
+                                       }
+                                       loop.deliverPendingSignals();
+                                       armSignalWait(loop);
+                                   });
+}
+
+}  // namespace
+
+asio::io_context& mainIoContext() {
+    // Never destroyed: exit() may be called from inside one of its handlers.
+    static asio::io_context* context = [] {
+        auto* made = new asio::io_context;
+        // Keeps the loop waiting for the end of a slice even when nothing is
+        // queued, so that slices last as long as they were asked to.
+        new asio::executor_work_guard<asio::io_context::executor_type>(
+            asio::make_work_guard(*made));
+        return made;
+    }();
+    return *context;
+}
+
+RunLoop& RunLoop::main() {
+    static RunLoop* loop = new RunLoop;
+    return *loop;
+}
+
+void RunLoop::runUntil(Clock::time_point deadline) {
+    asio::io_context& context = mainIoContext();
+    context.restart();
+    deliverPendingSignals();
+    if (context.stopped()) {
+        return;
+    }
+    context.run_until(deadline);
+}
+
+void RunLoop::run() {
+    asio::io_context& context = mainIoContext();
+    context.restart();
+    deliverPendingSignals();
+    if (context.stopped()) {
+        return;
+    }
+    context.run();
+}
+
+void RunLoop::stop() {
+    mainIoContext().stop();
+}
+
+void RunLoop::dispatchAfter(std::chrono::nanoseconds delay, std::function<void()> block) {
+    auto timer = std::make_shared<asio::steady_timer>(mainIoContext(), delay);
+    timer->async_wait([timer, block = std::move(block)](const asio::error_code& error) {
+        if (!error) {
+            block();
+        }
+    });
+}
+
+void RunLoop::post(std::function<void()> block) {
+    asio::post(mainIoContext(), std::move(block));
+}
+
+void RunLoop::notifyFork(ForkEvent event) {
+    switch (event) {
+        case ForkEvent::prepare:
+            mainIoContext().notify_fork(asio::io_context::fork_prepare);
+            break;
+        case ForkEvent::child:
+            mainIoContext().notify_fork(asio::io_context::fork_child);
+            break;
+        case ForkEvent::parent:
+            mainIoContext().notify_fork(asio::io_context::fork_parent);
+            break;
+    }
+}
+
+void RunLoop::watchReadable(int fd) {
+    signalDescriptor() =
+        new asio::posix::stream_descriptor(mainIoContext(), ::fcntl(fd, F_DUPFD_CLOEXEC, 0));
+    armSignalWait(*this);
+}
+
+}  // namespace platform
