@@ -15,7 +15,9 @@ NS_ASSUME_NONNULL_BEGIN
 
 namespace platform::macos {
 
-// Nil for none, and for bytes that are not UTF-8.
+// Nil for bytes that are not UTF-8 (and for none). The text is not copied
+// on the way, which matters for a password.
+NSString* _Nullable toNSString(std::string_view text);
 NSString* _Nullable toNSString(const std::optional<std::string>& text);
 // The string's UTF-8 bytes, NULs included; none for nil, and for a string
 // that has no UTF-8 form (a lone surrogate).

@@ -6,13 +6,14 @@ NS_ASSUME_NONNULL_BEGIN
 
 namespace platform::macos {
 
-NSString* _Nullable toNSString(const std::optional<std::string>& text) {
-    if (!text) {
-        return nil;
-    }
-    return [[NSString alloc] initWithBytes:text->data()
-                                    length:text->size()
+NSString* _Nullable toNSString(std::string_view text) {
+    return [[NSString alloc] initWithBytes:text.data()
+                                    length:text.size()
                                   encoding:NSUTF8StringEncoding];
+}
+
+NSString* _Nullable toNSString(const std::optional<std::string>& text) {
+    return text ? toNSString(std::string_view(*text)) : nil;
 }
 
 std::optional<std::string> fromNSString(NSString* _Nullable text) {

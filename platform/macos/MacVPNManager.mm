@@ -40,8 +40,8 @@ platform::NEVPNStatus MacVPNConnection::status() const {
 
 OptionalError MacVPNConnection::startVPNTunnel(const NEVPNStartOptions& options) {
     @autoreleasepool {
-        NSString* username = toNSString(options.username);
-        NSString* password = toNSString(options.password);
+        NSString* username = toNSString(std::string_view(options.username));
+        NSString* password = toNSString(std::string_view(options.password));
         if (username == nil || password == nil) {
             return platform::NSError{NEVPNErrorConfigurationInvalid,
                                      "the user name or password is not UTF-8"};

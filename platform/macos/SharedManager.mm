@@ -20,13 +20,13 @@ namespace {
 // NEVPNStatusDidChangeNotification from every VPN connection, as the
 // adapter's status notification. Registered once, never removed.
 void observeStatusChanges() {
-    static id observer = [[NSNotificationCenter defaultCenter]
-        addObserverForName:NEVPNStatusDidChangeNotification
-                    object:nil
-                     queue:[NSOperationQueue mainQueue]
-                usingBlock:^(NSNotification* _Nonnull) {
-                  postStatusDidChange();
-                }];
+    static id observer =
+        [[NSNotificationCenter defaultCenter] addObserverForName:NEVPNStatusDidChangeNotification
+                                                          object:nil
+                                                           queue:[NSOperationQueue mainQueue]
+                                                      usingBlock:^(NSNotification* _Nonnull) {
+                                                        postStatusDidChange();
+                                                      }];
     (void)observer;
 }
 
