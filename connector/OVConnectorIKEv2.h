@@ -19,10 +19,6 @@
 // names none.
 inline constexpr const char* kDefaultRemoteID = "vpn.orvane.net";
 
-// The profile's name: its localized description and the network service
-// name the interface lookup looks for.
-inline constexpr const char* kVPNProfileName = "Orvane IKEv2";
-
 // Reads a key=value configuration file. Nil when the file cannot be opened
 // (after an error line); lines that do not match, or whose key or value is
 // not valid UTF-8, are skipped.

@@ -1,6 +1,7 @@
 #include "connector/OVConnectorIKEv2.h"
 
 #include "log/DDLog.h"
+#include "platform/ServiceChoice.h"
 
 #include <cstdlib>
 
@@ -46,19 +47,10 @@ void OVConnectorIKEv2::vpnStatusChanged() {
 }
 
 OVConnectorIKEv2::OptionalString OVConnectorIKEv2::adapterId() {
-    OptionalString result = "ipsec0";
-    const auto services = copyAllNetworkServices();
-    if (!services) {
-        return result;
-    }
-    for (const NetworkService& service : *services) {
-        DDLogVerbose("Service: {}", service.name);
-        if (service.name == kVPNProfileName) {
-            result = service.interfaceName;
-            break;
-        }
-    }
-    return result;
+    return chooseServiceInterface(copyAllNetworkServices(), kVPNProfileName,
+                                  [](const OptionalString& name) {
+                                      DDLogVerbose("Service: {}", orNull(name));
+                                  });
 }
 
 std::string OVConnectorIKEv2::fetchLastDisconnectError() {

@@ -1,55 +1,13 @@
 #include "connector/OVConnectorIKEv2.h"
 
 #include "log/DDLog.h"
+#include "platform/Utf8.h"
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 
 namespace {
-
-// The strict UTF-8 test of a string conversion: no overlong forms, no
-// surrogates, nothing above U+10FFFF.
-bool isValidUTF8(std::string_view text) {
-    std::size_t i = 0;
-    while (i < text.size()) {
-        const auto byte = static_cast<unsigned char>(text[i]);
-        std::size_t length = 0;
-        std::uint32_t codePoint = 0;
-        if (byte < 0x80) {
-            ++i;
-            continue;
-        } else if ((byte & 0xE0) == 0xC0) {
-            length = 2;
-            codePoint = byte & 0x1F;
-        } else if ((byte & 0xF0) == 0xE0) {
-            length = 3;
-            codePoint = byte & 0x0F;
-        } else if ((byte & 0xF8) == 0xF0) {
-            length = 4;
-            codePoint = byte & 0x07;
-        } else {
-            return false;
-        }
-        if (i + length > text.size()) {
-            return false;
-        }
-        for (std::size_t k = 1; k < length; ++k) {
-            const auto next = static_cast<unsigned char>(text[i + k]);
-            if ((next & 0xC0) != 0x80) {
-                return false;
-            }
-            codePoint = (codePoint << 6) | (next & 0x3F);
-        }
-        const std::uint32_t smallest[] = {0, 0, 0x80, 0x800, 0x10000};
-        if (codePoint < smallest[length] || codePoint > 0x10FFFF ||
-            (codePoint >= 0xD800 && codePoint <= 0xDFFF)) {
-            return false;
-        }
-        i += length;
-    }
-    return true;
-}
 
 std::string trim(std::string_view text) {
     constexpr std::string_view kTrimmed = " \t\"'";
@@ -81,7 +39,7 @@ std::optional<std::map<std::string, std::string>> ParseConfig(const std::string&
         if (value == nullptr) {
             continue;
         }
-        if (!isValidUTF8(key) || !isValidUTF8(value)) {
+        if (!platform::isValidUTF8(key) || !platform::isValidUTF8(value)) {
             continue;
         }
         config[trim(key)] = trim(value);

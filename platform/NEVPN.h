@@ -21,6 +21,10 @@
 
 namespace platform {
 
+// The profile's name: its localized description, the name of the network
+// service that carries it, and charon's connection name on Linux.
+inline constexpr const char* kVPNProfileName = "Orvane IKEv2";
+
 enum NEVPNStatus : std::int64_t {
     NEVPNStatusInvalid = 0,
     NEVPNStatusDisconnected = 1,
@@ -107,6 +111,7 @@ struct NEVPNProtocolIKEv2 {
     NEVPNIKEAuthenticationMethod authenticationMethod = NEVPNIKEAuthenticationMethodNone;
     bool useExtendedAuthentication = false;
     bool enableRevocationCheck = false;
+    bool strictRevocationCheck = false;
     bool enablePFS = false;
     bool disconnectOnSleep = false;
     NEVPNIKEv2DeadPeerDetectionRate deadPeerDetectionRate = NEVPNIKEv2DeadPeerDetectionRateMedium;
@@ -189,7 +194,8 @@ std::string fetchLastDisconnectError(std::optional<SystemClock::time_point> sinc
 
 // One network service of the system's network configuration.
 struct NetworkService {
-    std::string name;
+    // None when the service has no name.
+    std::optional<std::string> name;
     // The BSD name of the service's interface; none when it has none.
     std::optional<std::string> interfaceName;
 };

@@ -18,8 +18,8 @@ StrongSwanConnection::StrongSwanConnection(StrongSwanManager& manager, asio::io_
     : manager_(manager),
       context_(context),
       options_(options),
-      tracker_(kConnectionName, kChildName),
-      log_(kConnectionName),
+      tracker_(kVPNProfileName, kChildName),
+      log_(kVPNProfileName),
       pollTimer_(context) {}
 
 StrongSwanConnection::~StrongSwanConnection() {
@@ -261,7 +261,7 @@ void StrongSwanConnection::onCommandEvent(const std::string& name, const ViciSec
     if (name != "list-sa") {
         return;
     }
-    if (const ViciSection* sa = event.section(kConnectionName)) {
+    if (const ViciSection* sa = event.section(kVPNProfileName)) {
         pollSawTunnel_ = true;
         if (const auto* vips = sa->list("local-vips")) {
             pollVips_ = *vips;
@@ -322,7 +322,7 @@ void StrongSwanConnection::poll() {
         });
     }
     ViciSection filter;
-    filter.add("ike", kConnectionName);
+    filter.add("ike", kVPNProfileName);
     commands_->request("list-sas", filter, [this, alive](ViciReply reply) {
         if (!alive.lock()) {
             return;

@@ -159,16 +159,16 @@ std::optional<std::vector<NetworkService>> StrongSwanManager::networkServices() 
     std::vector<NetworkService> services;
     for (const auto& name : names) {
         NetworkService service{name, std::nullopt};
-        if (name == kConnectionName) {
+        if (name == kVPNProfileName) {
             std::vector<std::string> vips = connection_->localVips();
             if (vips.empty()) {
                 ViciSection filter;
-                filter.add("ike", kConnectionName);
+                filter.add("ike", kVPNProfileName);
                 auto collectVips = [&vips](const std::string& event, const ViciSection& message) {
                     if (event != "list-sa") {
                         return;
                     }
-                    if (const ViciSection* sa = message.section(kConnectionName)) {
+                    if (const ViciSection* sa = message.section(kVPNProfileName)) {
                         if (const auto* list = sa->list("local-vips")) {
                             vips.insert(vips.end(), list->begin(), list->end());
                         }

@@ -208,7 +208,7 @@ bool buildLoadConn(const NEVPNProtocolIKEv2& protocol, ViciSection& message, std
                      error)) {
         return false;
     }
-    ViciSection& conn = message.addSection(kConnectionName);
+    ViciSection& conn = message.addSection(kVPNProfileName);
     conn.add("version", "2");
     conn.addList("remote_addrs", {*protocol.serverAddress});
     conn.addList("vips", {"0.0.0.0"});
@@ -282,7 +282,7 @@ void buildLoadShared(std::string_view username, std::string_view password, ViciS
 ViciSection buildInitiate() {
     ViciSection message;
     // -1: return once IKE_SA_INIT is sent; progress comes as events.
-    message.add("child", kChildName).add("ike", kConnectionName).add("timeout", "-1");
+    message.add("child", kChildName).add("ike", kVPNProfileName).add("timeout", "-1");
     return message;
 }
 
@@ -290,7 +290,7 @@ ViciSection buildTerminate() {
     ViciSection message;
     // force with -1: one DELETE, then the SA is destroyed at once, so a dead
     // server cannot hold the caller.
-    message.add("ike", kConnectionName).add("force", "yes").add("timeout", "-1");
+    message.add("ike", kVPNProfileName).add("force", "yes").add("timeout", "-1");
     return message;
 }
 
@@ -302,7 +302,7 @@ ViciSection buildUnloadShared() {
 
 ViciSection buildUnloadConn() {
     ViciSection message;
-    message.add("name", kConnectionName);
+    message.add("name", kVPNProfileName);
     return message;
 }
 

@@ -13,8 +13,6 @@
 
 namespace platform::strongswan {
 
-// The connection name charon knows the profile by (the profile's name).
-inline constexpr const char* kConnectionName = "Orvane IKEv2";
 // The one CHILD_SA of the connection: the tunnel.
 inline constexpr const char* kChildName = "orvane";
 // The id of the EAP secret, so it can be unloaded again.
@@ -39,7 +37,7 @@ bool espProposal(const NEVPNIKEv2SecurityAssociationParameters& sa, bool withGro
 // DPD interval for a rate: High 60s, Medium 600s, Low 1800s, None 0s.
 std::string viciDpdDelay(NEVPNIKEv2DeadPeerDetectionRate rate);
 
-// The load-conn message: one section named kConnectionName.
+// The load-conn message: one section named kVPNProfileName.
 bool buildLoadConn(const NEVPNProtocolIKEv2& protocol, ViciSection& message, std::string& error);
 
 // The load-shared message for the EAP secret. The password is copied once

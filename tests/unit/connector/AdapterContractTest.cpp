@@ -75,6 +75,18 @@ TEST_F(ConnectorTest, UnreadableNetworkConfigurationGivesIpsec0WithoutServiceLin
     EXPECT_EQ(capture.text(), "");
 }
 
+TEST_F(ConnectorTest, ServiceWithoutANameIsLoggedAsNull) {
+    ddLogLevel = DDLogLevelVerbose;
+    platform().setServices(std::vector<NetworkService>{{std::nullopt, std::string("en0")},
+                                                       {"Orvane IKEv2", std::string("ipsec1")}});
+    auto connector = makeConnector();
+    StderrCapture capture;
+    const auto result = connector->adapterId();
+    capture.restore();
+    EXPECT_EQ(result, "ipsec1");
+    EXPECT_EQ(capture.messages(), (Lines{"Service: (null)", "Service: Orvane IKEv2"}));
+}
+
 TEST_F(ConnectorTest, ServiceNameMustMatchExactly) {
     platform().setServices(std::vector<NetworkService>{{"orvane ikev2", std::string("ipsec4")},
                                                        {"Orvane IKEv2 ", std::string("ipsec5")}});
