@@ -20,7 +20,7 @@ INSTALLED=/usr/sbin/orvane-ikev2
 
 lab_require
 if [ ! -f "$DEB" ]; then
-  # scripts/package (the package.build test) makes it when the package
+  # The test package.builds_and_passes_lintian makes it when the package
   # tools are installed.
   if [ "${CI:-}" = true ]; then echo "FAIL: no package at $DEB"; exit 1; fi
   echo "SKIP: no package at $DEB (dpkg-buildpackage, debhelper or lintian missing?)"
