@@ -185,7 +185,7 @@ Value valueFromNode(plist_t node, std::size_t depth) {
             if (text) {
                 value.assign(text, length);
             } else {
-                char* key = nullptr;  // a key node, whose text the XML reader made
+                char* key = nullptr;  // a key node
                 plist_get_key_val(node, &key);
                 CString owned(key);
                 if (!key) return {};
