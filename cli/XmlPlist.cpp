@@ -21,6 +21,9 @@ namespace {
 
 using namespace xmlplist;
 
+// Room for every container the limit allows, each inside a <plist>.
+constexpr std::size_t kMaxElementDepth = 2 * kPropertyListMaxNesting + 2;
+
 bool isXmlBlank(char c) {
     return c == ' ' || c == '\t' || c == '\n' || c == '\r';
 }
@@ -137,6 +140,11 @@ class Reader {
         if (!tag) return self.fail(std::string("unknown tag <") + name + ">");
         if (!self.frames_.empty() && !holdsValues(self.frames_.back().tag)) {
             return self.fail(std::string("tag <") + name + "> inside a value");
+        }
+        // <plist> wrappers do not count as containers, but nesting them
+        // endlessly must not cost endless memory either.
+        if (self.frames_.size() >= kMaxElementDepth) {
+            return self.fail("elements nested too deep");
         }
         if (*tag == Tag::Array || *tag == Tag::Dict) {
             if (++self.containers_ > kPropertyListMaxNesting) {

@@ -209,5 +209,17 @@ TEST(XmlPlistTest, ContainersNestUpToTheLimit) {
     EXPECT_TRUE(refused(nested(kPropertyListMaxNesting + 1)));
 }
 
+TEST(XmlPlistTest, PlistWrappersNestedWithoutEndAreRefused) {
+    const auto wrapped = [](std::size_t depth) {
+        std::string text;
+        for (std::size_t i = 0; i < depth; ++i) text += "<plist>";
+        text += "<true/>";
+        for (std::size_t i = 0; i < depth; ++i) text += "</plist>";
+        return text;
+    };
+    EXPECT_TRUE(valueOf(wrapped(100)).boolValue());
+    EXPECT_TRUE(refused(wrapped(1000000)));
+}
+
 }  // namespace
 }  // namespace cli
