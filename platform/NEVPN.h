@@ -107,6 +107,7 @@ struct NEVPNProtocolIKEv2 {
     NEVPNIKEAuthenticationMethod authenticationMethod = NEVPNIKEAuthenticationMethodNone;
     bool useExtendedAuthentication = false;
     bool enableRevocationCheck = false;
+    bool strictRevocationCheck = false;
     bool enablePFS = false;
     bool disconnectOnSleep = false;
     NEVPNIKEv2DeadPeerDetectionRate deadPeerDetectionRate = NEVPNIKEv2DeadPeerDetectionRateMedium;
