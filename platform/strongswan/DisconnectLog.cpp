@@ -67,7 +67,8 @@ constexpr const char* kSilentEnds[] = {
 
 // Lines that show the server's certificate chain was not trusted; when one
 // of them came first, a later "no trusted public key" line is about trust,
-// not about the identity.
+// not about the identity, and the earlier line says why (not trusted, or
+// revoked).
 constexpr const char* kTrustFailure =
     R"(no issuer certificate found for|constraint check failed: peer not authenticated by CA|)"
     R"(certificate was revoked)";
@@ -174,7 +175,7 @@ std::string DisconnectLog::lastReason(std::optional<Clock::time_point> since) co
                     break;
                 }
                 if (RE2::PartialMatch(earlier->message, trustFailure())) {
-                    return kTrustReason;
+                    return disconnectReasonForLine(earlier->message).value_or(kTrustReason);
                 }
             }
         }

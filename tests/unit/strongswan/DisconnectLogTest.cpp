@@ -150,6 +150,30 @@ TEST(DisconnectLogTest, OnlyTrustFailuresSinceTheStartTurnAMissingKeyIntoATrustP
     EXPECT_EQ(log.lastReason(std::nullopt), "server certificate not trusted");
 }
 
+TEST(DisconnectLogTest, RevokedServerCertificateIsNamedAsRevoked) {
+    // The later "no trusted public key" line must not hide why the chain
+    // failed.
+    ss::DisconnectLog log("Orvane IKEv2");
+    for (const char* line : {
+             "received end entity cert \"C=ZZ, O=Orvane Lab, CN=revoked.orvane.test\"",
+             "  fetching crl from 'http://192.0.2.2:8080/lab.crl' ...",
+             "  using trusted certificate \"C=ZZ, O=Orvane Lab, CN=Orvane Lab CA\"",
+             "  crl correctly signed by \"C=ZZ, O=Orvane Lab, CN=Orvane Lab CA\"",
+             "certificate was revoked on Nov 23 02:30:00 UTC 2026, reason: key compromise",
+             "no trusted RSA public key found for 'revoked.orvane.test'",
+         }) {
+        log.add(logLine(line));
+    }
+    EXPECT_EQ(log.lastReason(std::nullopt), "server certificate revoked");
+    EXPECT_EQ(ss::disconnectReasonForLine(
+                  "certificate was revoked on Nov 23 02:30:00 UTC 2026, reason: superseded"),
+              "server certificate revoked");
+    // A revocation server that could not be asked only fails a strict check.
+    EXPECT_EQ(ss::disconnectReasonForLine("constraint check failed: RULE_CRL_VALIDATION is "
+                                          "FAILED, but requires at least GOOD"),
+              "server certificate revocation check failed");
+}
+
 TEST(DisconnectLogTest, BoundsWhatItKeeps) {
     ss::DisconnectLog log("Orvane IKEv2");
     log.add(logLine("received DELETE for IKE_SA Orvane IKEv2[1]"));
