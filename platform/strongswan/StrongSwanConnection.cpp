@@ -110,8 +110,13 @@ OptionalError StrongSwanConnection::startVPNTunnel(const NEVPNStartOptions& opti
     if (!manager_.connectionLoaded() && !buildLoadConn(*protocol, conn, error)) {
         return makeVPNError(NEVPNErrorConfigurationInvalid, error);
     }
+    ViciSection secret;
+    if (!buildLoadShared(options.username, options.password, secret, error)) {
+        return makeVPNError(NEVPNErrorConfigurationInvalid, error);
+    }
     bool freshEvents = !(events_ && events_->isOpen());
     if (!openEvents(error) || !openCommands(error)) {
+        secret.wipe();
         return makeVPNError(NEVPNErrorConnectionFailed, "charon not reachable: " + error);
     }
 
@@ -138,8 +143,6 @@ OptionalError StrongSwanConnection::startVPNTunnel(const NEVPNStartOptions& opti
             events_->registerEvent(event, prerequisite(event));
         }
     }
-    ViciSection secret;
-    buildLoadShared(options.username, options.password, secret);
     commands_->request("load-shared", secret, prerequisite("load-shared"));
     secret.wipe();
     if (!manager_.connectionLoaded()) {

@@ -1,5 +1,7 @@
 #include "platform/strongswan/ViciProfile.h"
 
+#include "platform/strongswan/CharonValues.h"
+
 #include <fmt/format.h>
 
 namespace platform::strongswan {
@@ -195,10 +197,27 @@ std::string viciDpdDelay(NEVPNIKEv2DeadPeerDetectionRate rate) {
     return "0s";
 }
 
+namespace {
+
+// charon's revocation policy for the platform's two flags: strict wants a
+// "good" answer; otherwise only a "revoked" answer fails, and a revocation
+// server that cannot be reached does not. charon cannot leave out the check
+// for one connection, so without the check the lenient policy stands too.
+const char* viciRevocation(const NEVPNProtocolIKEv2& protocol) {
+    return protocol.enableRevocationCheck && protocol.strictRevocationCheck ? "strict" : "relaxed";
+}
+
+}  // namespace
+
 bool buildLoadConn(const NEVPNProtocolIKEv2& protocol, ViciSection& message, std::string& error) {
     message = ViciSection{};
-    if (!protocol.serverAddress || protocol.serverAddress->empty()) {
-        error = "no server address";
+    std::string server;
+    if (!literalServerAddress(protocol.serverAddress.value_or(""), server, error)) {
+        return false;
+    }
+    std::string remoteId;
+    if (!literalIdentity(protocol.remoteIdentifier.value_or(""), "remote identifier",
+                         kCharonIdentityLimit, remoteId, error)) {
         return false;
     }
     std::string ike;
@@ -208,27 +227,39 @@ bool buildLoadConn(const NEVPNProtocolIKEv2& protocol, ViciSection& message, std
                      error)) {
         return false;
     }
+    std::optional<std::string> localId;
+    if (protocol.localIdentifier || protocol.username) {
+        bool own = protocol.localIdentifier.has_value();
+        localId.emplace();
+        if (!literalIdentity(own ? *protocol.localIdentifier : *protocol.username,
+                             own ? "local identifier" : "user name",
+                             own ? kCharonIdentityLimit : kCharonOwnerLimit, *localId, error)) {
+            return false;
+        }
+    }
+
     ViciSection& conn = message.addSection(kConnectionName);
     conn.add("version", "2");
-    conn.addList("remote_addrs", {*protocol.serverAddress});
+    conn.addList("remote_addrs", {server});
     conn.addList("vips", {"0.0.0.0"});
     conn.addList("proposals", {ike});
     conn.add("dpd_delay", viciDpdDelay(protocol.deadPeerDetectionRate));
     addLifetimes(conn, protocol.IKESecurityAssociationParameters.lifetimeMinutes, true);
 
     ViciSection& local = conn.addSection("local");
-    const std::optional<std::string>& localId =
-        protocol.localIdentifier ? protocol.localIdentifier : protocol.username;
     if (protocol.useExtendedAuthentication) {
+        std::string eapId;
         if (!protocol.username || protocol.username->empty()) {
             error = "no user name for EAP";
             return false;
         }
-        local.add("auth", "eap-mschapv2");
-        if (localId) {
-            local.add("id", *localId);
+        // The user name is also the owner of the EAP secret.
+        if (!literalIdentity(*protocol.username, "user name", kCharonOwnerLimit, eapId, error)) {
+            return false;
         }
-        local.add("eap_id", *protocol.username);
+        local.add("auth", "eap-mschapv2");
+        local.add("id", *localId);
+        local.add("eap_id", eapId);
     } else {
         switch (protocol.authenticationMethod) {
             case NEVPNIKEAuthenticationMethodCertificate:
@@ -256,12 +287,8 @@ bool buildLoadConn(const NEVPNProtocolIKEv2& protocol, ViciSection& message, std
             remote.add("auth", "pubkey");
             break;
     }
-    if (protocol.remoteIdentifier && !protocol.remoteIdentifier->empty()) {
-        remote.add("id", *protocol.remoteIdentifier);
-    }
-    if (protocol.enableRevocationCheck) {
-        remote.add("revocation", "ifuri");
-    }
+    remote.add("id", remoteId);
+    remote.add("revocation", viciRevocation(protocol));
 
     ViciSection& child = conn.addSection("children").addSection(kChildName);
     child.addList("remote_ts", {"0.0.0.0/0"});
@@ -270,13 +297,19 @@ bool buildLoadConn(const NEVPNProtocolIKEv2& protocol, ViciSection& message, std
     return true;
 }
 
-void buildLoadShared(std::string_view username, std::string_view password, ViciSection& message) {
+bool buildLoadShared(std::string_view username, std::string_view password, ViciSection& message,
+                     std::string& error) {
     message = ViciSection{};
+    std::string owner;
+    if (!literalIdentity(username, "user name", kCharonOwnerLimit, owner, error)) {
+        return false;
+    }
     message.reserve(4);
     message.add("id", kEapSecretId);
     message.add("type", "EAP");
     message.addSecret("data", password);
-    message.addList("owners", {std::string(username)});
+    message.addList("owners", {owner});
+    return true;
 }
 
 ViciSection buildInitiate() {

@@ -223,8 +223,8 @@ TEST_F(StrongSwanManagerTest, SaveWritesThePrivateFileAndLoadsTheTypedConnection
     ASSERT_NE(child, nullptr);
     EXPECT_EQ(*child->list("esp_proposals"), std::vector<std::string>{"aes256-sha256-modp2048"});
     EXPECT_EQ(*child->list("remote_ts"), std::vector<std::string>{"0.0.0.0/0"});
-    EXPECT_EQ(conn->section("remote")->get("revocation"), "ifuri");
-    EXPECT_EQ(conn->section("local")->get("eap_id"), "alice");
+    EXPECT_EQ(conn->section("remote")->get("revocation"), "relaxed");
+    EXPECT_EQ(conn->section("local")->get("eap_id"), "fqdn:alice");
 }
 
 TEST_F(StrongSwanManagerTest, SaveWithoutCharonIsNoError) {
@@ -242,6 +242,21 @@ TEST_F(StrongSwanManagerTest, ConnectionRefusedByCharonIsASaveError) {
     ASSERT_TRUE(error.has_value());
     EXPECT_EQ(error->code, ss::NEVPNErrorConfigurationInvalid);
     EXPECT_NE(error->description.find("invalid value for: proposals"), std::string::npos);
+}
+
+TEST_F(StrongSwanManagerTest, ValueCharonWouldInterpretIsASaveErrorAndNothingIsSaved) {
+    make();
+    auto profile = toolProfile();
+    profile.serverAddress = "192.0.2.2,192.0.2.3";
+    manager->setProtocolConfiguration(profile);
+    auto error = call(&ss::StrongSwanManager::saveToPreferences);
+    ASSERT_TRUE(error.has_value());
+    EXPECT_EQ(error->code, ss::NEVPNErrorConfigurationInvalid);
+    EXPECT_EQ(error->description,
+              "Error Domain=NEVPNErrorDomain Code=1 \"server address '192.0.2.2,192.0.2.3' is a "
+              "list; give one address or DNS name\"");
+    EXPECT_FALSE(fs::exists(prefs));
+    EXPECT_TRUE(server.requests("load-conn").empty());
 }
 
 TEST_F(StrongSwanManagerTest, SaveWithoutAProfileIsAnError) {
@@ -317,7 +332,7 @@ TEST_F(StrongSwanManagerTest, StartLoadsTheSecretThenInitiatesAndFollowsTheEvent
     EXPECT_EQ(secret.get("type"), "EAP");
     EXPECT_EQ(secret.get("data"), kPassword);
     ASSERT_NE(secret.list("owners"), nullptr);
-    EXPECT_EQ(*secret.list("owners"), std::vector<std::string>{"alice"});
+    EXPECT_EQ(*secret.list("owners"), std::vector<std::string>{"fqdn:alice"});
     const ViciSection& init = got[initiate].packet.message;
     EXPECT_EQ(init.get("child"), "orvane");
     EXPECT_EQ(init.get("ike"), kConn);
