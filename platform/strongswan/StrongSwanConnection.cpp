@@ -20,6 +20,7 @@ StrongSwanConnection::StrongSwanConnection(StrongSwanManager& manager, asio::io_
       options_(options),
       tracker_(kConnectionName, kChildName),
       log_(kConnectionName),
+      trust_(context, options.trustBundles),
       pollTimer_(context) {}
 
 StrongSwanConnection::~StrongSwanConnection() {
@@ -136,6 +137,15 @@ OptionalError StrongSwanConnection::startVPNTunnel(const NEVPNStartOptions& opti
             }
         };
     };
+    // The server's certificate is checked against the system's trust
+    // anchors: charon must have them before the exchange.
+    if (!trust_.finished()) {
+        trust_.sync(commands_, [done = prerequisite("trust anchors")] {
+            ViciReply reply;
+            reply.status = ViciReply::Status::Ok;
+            done(std::move(reply));
+        });
+    }
     // The events must be registered before charon starts the exchange, or
     // the first lines and a quick failure could be missed.
     if (freshEvents) {
@@ -150,6 +160,21 @@ OptionalError StrongSwanConnection::startVPNTunnel(const NEVPNStartOptions& opti
     }
     changed(tracker_.startRequested());
     return std::nullopt;
+}
+
+void StrongSwanConnection::prepareTrust() {
+    std::weak_ptr<bool> alive = alive_;
+    asio::post(context_, [this, alive] {
+        std::string error;
+        if (!alive.lock() || trust_.finished()) {
+            return;
+        }
+        if (!openCommands(error)) {
+            DDLogDebug("IKEv2 charon not reachable for the trust anchors: {}", error);
+            return;
+        }
+        trust_.sync(commands_, {});
+    });
 }
 
 void StrongSwanConnection::prerequisiteDone(std::uint64_t generation, bool ok,

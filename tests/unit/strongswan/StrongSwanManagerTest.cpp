@@ -366,6 +366,62 @@ TEST_F(StrongSwanManagerTest, StartLoadsTheConnectionWhenTheSaveCouldNot) {
     EXPECT_LT(load, indexOf(got, ViciPacketType::CmdRequest, "initiate"));
 }
 
+// A trust store of two (text-only) certificates, and a charon that holds
+// no authorities yet.
+void trustStoreOfTwo(FakeCharon& server, const fs::path& bundle) {
+    std::ofstream(bundle) << "-----BEGIN CERTIFICATE-----\nQUFB\n-----END CERTIFICATE-----\n"
+                          << "-----BEGIN CERTIFICATE-----\nQkJC\n-----END CERTIFICATE-----\n";
+    server.on("get-authorities", [](Link& link, const ViciSection&) {
+        ViciSection reply;
+        reply.addList("authorities", {});
+        link.respond(reply);
+    });
+    server.succeed("load-authority");
+}
+
+TEST_F(StrongSwanManagerTest, SaveGivesCharonTheSystemTrustAnchorsAfterItsCompletion) {
+    trustStoreOfTwo(server, root / "bundle.pem");
+    make([&](ss::StrongSwanOptions& o) { o.trustBundles = {(root / "bundle.pem").string()}; });
+    manager->setProtocolConfiguration(toolProfile());
+    bool done = false;
+    std::size_t asked = 1;
+    manager->saveToPreferences([&](const platform::OptionalError& error) {
+        EXPECT_FALSE(error.has_value());
+        done = true;
+        // A run that ends here (create only) has not started on them.
+        asked = server.requests("get-authorities").size();
+    });
+    ASSERT_TRUE(runUntil([&] { return server.requests("load-authority").size() == 2; }));
+    EXPECT_TRUE(done);
+    EXPECT_EQ(asked, 0u);
+    auto got = server.received();
+    EXPECT_LT(indexOf(got, ViciPacketType::CmdRequest, "load-conn"),
+              indexOf(got, ViciPacketType::CmdRequest, "get-authorities"));
+}
+
+TEST_F(StrongSwanManagerTest, StartWaitsForTheSystemTrustAnchors) {
+    // charon was away at the save: the start gives it the anchors before
+    // the exchange.
+    trustStoreOfTwo(server, root / "bundle.pem");
+    fs::create_directories(prefs.parent_path());
+    platform::NSError saveError;
+    ASSERT_TRUE(ss::ProfileStore(prefs).save({toolProfile(), true, kConn}, saveError));
+    make([&](ss::StrongSwanOptions& o) { o.trustBundles = {(root / "bundle.pem").string()}; });
+    ASSERT_FALSE(call(&ss::StrongSwanManager::loadFromPreferences).has_value());
+    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", kPassword}).has_value());
+    ASSERT_TRUE(runUntil([&] { return !server.requests("initiate").empty(); }));
+    auto got = server.received();
+    std::size_t initiate = indexOf(got, ViciPacketType::CmdRequest, "initiate");
+    std::size_t loads = 0;
+    for (std::size_t i = 0; i < got.size(); ++i) {
+        if (got[i].packet.name == "load-authority") {
+            ++loads;
+            EXPECT_LT(i, initiate);
+        }
+    }
+    EXPECT_EQ(loads, 2u);
+}
+
 TEST_F(StrongSwanManagerTest, StartIsRefusedWithoutCharonOrCredentials) {
     make();
     saveToolProfile();

@@ -1,0 +1,236 @@
+#include "platform/strongswan/SystemTrust.h"
+
+#include "log/DDLog.h"
+
+#include <fmt/format.h>
+#include <nettle/sha2.h>
+#include <asio/post.hpp>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <set>
+
+namespace platform::strongswan {
+
+namespace {
+
+constexpr std::string_view kBegin = "-----BEGIN CERTIFICATE-----";
+constexpr std::string_view kEnd = "-----END CERTIFICATE-----";
+// A trust store is a few hundred kilobytes; a file beyond this is no store.
+constexpr std::size_t kMaxBundleSize = 32 * 1024 * 1024;
+
+std::string sha256Hex(std::string_view data) {
+    sha256_ctx context;
+    sha256_init(&context);
+    sha256_update(&context, data.size(), reinterpret_cast<const std::uint8_t*>(data.data()));
+    std::uint8_t digest[SHA256_DIGEST_SIZE];
+    sha256_digest(&context, sizeof(digest), digest);
+    std::string out;
+    for (std::uint8_t byte : digest) {
+        fmt::format_to(std::back_inserter(out), "{:02x}", byte);
+    }
+    return out;
+}
+
+struct FileCloser {
+    void operator()(std::FILE* file) const { std::fclose(file); }
+};
+
+// The whole file; none with `missing` set when it does not exist, none
+// with `error` when it cannot be read.
+std::optional<std::string> readBundle(const std::string& path, bool& missing, std::string& error) {
+    std::unique_ptr<std::FILE, FileCloser> file(std::fopen(path.c_str(), "rbe"));
+    if (!file) {
+        missing = errno == ENOENT;
+        error = fmt::format("{}: {}", path, std::strerror(errno));
+        return std::nullopt;
+    }
+    std::string bytes;
+    char buffer[65536];
+    std::size_t n = 0;
+    while ((n = std::fread(buffer, 1, sizeof(buffer), file.get())) > 0) {
+        bytes.append(buffer, n);
+        if (bytes.size() > kMaxBundleSize) {
+            error = fmt::format("{}: larger than {} bytes", path, kMaxBundleSize);
+            return std::nullopt;
+        }
+    }
+    if (std::ferror(file.get())) {
+        error = fmt::format("{}: read error", path);
+        return std::nullopt;
+    }
+    return bytes;
+}
+
+}  // namespace
+
+std::vector<std::string> defaultTrustBundles() {
+    return {
+        "/etc/ssl/certs/ca-certificates.crt",                 // Debian, Ubuntu, Arch
+        "/etc/pki/ca-trust/extracted/pem/tls-ca-bundle.pem",  // Fedora, RHEL
+        "/etc/pki/tls/certs/ca-bundle.crt",                   // older Fedora, RHEL
+        "/etc/ssl/ca-bundle.pem",                             // openSUSE
+        "/etc/ssl/cert.pem",                                  // Alpine
+    };
+}
+
+std::vector<TrustAnchor> parseTrustBundle(std::string_view bundle) {
+    std::vector<TrustAnchor> anchors;
+    std::set<std::string> seen;
+    std::size_t at = 0;
+    while ((at = bundle.find(kBegin, at)) != std::string_view::npos) {
+        std::size_t end = bundle.find(kEnd, at + kBegin.size());
+        if (end == std::string_view::npos) {
+            break;
+        }
+        std::string body;
+        for (char c : bundle.substr(at + kBegin.size(), end - at - kBegin.size())) {
+            if (c != '\n' && c != '\r' && c != ' ' && c != '\t') {
+                body += c;
+            }
+        }
+        std::string_view pem = bundle.substr(at, end + kEnd.size() - at);
+        at = end + kEnd.size();
+        // One VICI value holds at most 64 KiB; no CA certificate comes near.
+        if (body.empty() || pem.size() >= kViciMaxValue) {
+            continue;
+        }
+        std::string name = std::string(kTrustAnchorPrefix) + sha256Hex(body);
+        if (seen.insert(name).second) {
+            anchors.push_back({std::move(name), std::string(pem) + "\n"});
+        }
+    }
+    return anchors;
+}
+
+TrustChanges planTrustChanges(const std::vector<std::string>& loaded,
+                              const std::vector<TrustAnchor>& store) {
+    std::set<std::string_view> have(loaded.begin(), loaded.end());
+    std::set<std::string_view> want;
+    TrustChanges changes;
+    for (const TrustAnchor& anchor : store) {
+        want.insert(anchor.name);
+        if (have.count(anchor.name) == 0) {
+            changes.load.push_back(&anchor);
+        }
+    }
+    for (const std::string& name : loaded) {
+        if (name.rfind(kTrustAnchorPrefix, 0) == 0 && want.count(name) == 0) {
+            changes.unload.push_back(name);
+        }
+    }
+    return changes;
+}
+
+SystemTrust::SystemTrust(asio::io_context& context, std::vector<std::string> bundles)
+    : context_(context), bundles_(std::move(bundles)) {}
+
+SystemTrust::~SystemTrust() {
+    *alive_ = false;
+}
+
+std::optional<std::vector<TrustAnchor>> SystemTrust::readStore() const {
+    for (const std::string& path : bundles_) {
+        bool missing = false;
+        std::string error;
+        std::optional<std::string> bytes = readBundle(path, missing, error);
+        if (bytes) {
+            return parseTrustBundle(*bytes);
+        }
+        if (!missing) {
+            DDLogDebug("IKEv2 system trust store not read: {}", error);
+            return std::nullopt;
+        }
+    }
+    // No store on this system: it trusts no CA.
+    return std::vector<TrustAnchor>{};
+}
+
+void SystemTrust::sync(const std::shared_ptr<ViciClient>& client, std::function<void()> done) {
+    if (done) {
+        waiters_.push_back(std::move(done));
+    }
+    if (state_ == State::Finished) {
+        finish();
+        return;
+    }
+    if (state_ == State::Running) {
+        return;
+    }
+    state_ = State::Running;
+    std::optional<std::vector<TrustAnchor>> store = readStore();
+    if (!store || !client) {
+        finish();
+        return;
+    }
+    store_ = std::move(*store);
+    std::weak_ptr<bool> alive = alive_;
+    std::weak_ptr<ViciClient> weakClient = client;
+    client->request("get-authorities", {}, [this, alive, weakClient](ViciReply reply) {
+        if (!alive.lock()) {
+            return;
+        }
+        auto strong = weakClient.lock();
+        if (!reply.ok() || !strong) {
+            DDLogDebug("IKEv2 get-authorities: {}", reply.failure());
+            finish();
+            return;
+        }
+        const std::vector<std::string>* loaded = reply.message.list("authorities");
+        apply(*strong, loaded != nullptr ? *loaded : std::vector<std::string>{});
+    });
+}
+
+void SystemTrust::apply(ViciClient& client, const std::vector<std::string>& loaded) {
+    TrustChanges changes = planTrustChanges(loaded, store_);
+    pending_ = static_cast<int>(changes.load.size() + changes.unload.size());
+    DDLogDebug("IKEv2 system trust store: {} CA certificates, {} to load, {} to unload",
+               store_.size(), changes.load.size(), changes.unload.size());
+    if (pending_ == 0) {
+        finish();
+        return;
+    }
+    std::weak_ptr<bool> alive = alive_;
+    auto answered = [this, alive](bool refusedOne) {
+        if (!alive.lock()) {
+            return;
+        }
+        refused_ += refusedOne ? 1 : 0;
+        if (--pending_ == 0) {
+            if (refused_ > 0) {
+                DDLogDebug("IKEv2 charon refused {} CA certificates of the system trust store",
+                           refused_);
+            }
+            finish();
+        }
+    };
+    for (const TrustAnchor* anchor : changes.load) {
+        ViciSection message;
+        message.addSection(anchor->name).add("cacert", anchor->pem);
+        client.request("load-authority", message,
+                       [answered](ViciReply reply) { answered(!reply.succeeded()); });
+    }
+    for (const std::string& name : changes.unload) {
+        ViciSection message;
+        message.add("name", name);
+        client.request("unload-authority", message, [answered](ViciReply reply) {
+            if (!reply.succeeded()) {
+                DDLogDebug("IKEv2 unload-authority: {}", reply.failure());
+            }
+            answered(false);
+        });
+    }
+}
+
+void SystemTrust::finish() {
+    state_ = State::Finished;
+    store_.clear();
+    for (auto& waiter : waiters_) {
+        asio::post(context_, std::move(waiter));
+    }
+    waiters_.clear();
+}
+
+}  // namespace platform::strongswan
