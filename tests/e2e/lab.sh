@@ -609,6 +609,15 @@ lab_add_client() {
   run ip -n "$LAB_NS_CLIENT" route add 192.0.2.0/24 via 192.0.2.130
 }
 
+# lab_resp_add_eap_user ID PASSWORD: the responder also takes this EAP
+# user; ID as swanctl.conf spells an identity (quoted: '#' would start a
+# comment).
+lab_resp_add_eap_user() {
+  printf 'secrets {\n  eap-lab-%s {\n    id = "%s"\n    secret = "%s"\n  }\n}\n' \
+    "$(printf '%s' "$1" | md5sum | cut -c1-8)" "$1" "$2" >>"$LAB_DIR/resp/swanctl.conf"
+  run in_resp swanctl --load-creds --noprompt --file "$LAB_DIR/resp/swanctl.conf" >>"$LAB_DIR/swanctl-resp.out" 2>&1
+}
+
 lab_start_responder() { lab_start_charon resp && lab_resp_load; }
 lab_start_initiator() { lab_start_charon init && lab_init_load; }
 lab_restart_responder() { lab_stop_charon resp; lab_start_responder; }
