@@ -160,6 +160,7 @@ void SystemTrust::sync(const std::shared_ptr<ViciClient>& client, std::function<
         return;
     }
     state_ = State::Running;
+    started_ = std::chrono::steady_clock::now();
     std::optional<std::vector<TrustAnchor>> store = readStore();
     if (!store || !client) {
         finish();
@@ -179,11 +180,12 @@ void SystemTrust::sync(const std::shared_ptr<ViciClient>& client, std::function<
             return;
         }
         const std::vector<std::string>* loaded = reply.message.list("authorities");
-        apply(*strong, loaded != nullptr ? *loaded : std::vector<std::string>{});
+        apply(strong, loaded != nullptr ? *loaded : std::vector<std::string>{});
     });
 }
 
-void SystemTrust::apply(ViciClient& client, const std::vector<std::string>& loaded) {
+void SystemTrust::apply(const std::shared_ptr<ViciClient>& client,
+                        const std::vector<std::string>& loaded) {
     TrustChanges changes = planTrustChanges(loaded, store_);
     pending_ = static_cast<int>(changes.load.size() + changes.unload.size());
     DDLogDebug("IKEv2 system trust store: {} CA certificates, {} to load, {} to unload",
@@ -193,29 +195,33 @@ void SystemTrust::apply(ViciClient& client, const std::vector<std::string>& load
         return;
     }
     std::weak_ptr<bool> alive = alive_;
-    auto answered = [this, alive](bool refusedOne) {
+    bool loading = !changes.load.empty();
+    std::weak_ptr<ViciClient> weakClient = client;
+    auto answered = [this, alive, weakClient, loading](bool refusedOne) {
         if (!alive.lock()) {
             return;
         }
         refused_ += refusedOne ? 1 : 0;
-        if (--pending_ == 0) {
-            if (refused_ > 0) {
-                DDLogDebug("IKEv2 charon refused {} CA certificates of the system trust store",
-                           refused_);
-            }
+        if (--pending_ > 0) {
+            return;
+        }
+        auto strong = weakClient.lock();
+        if (loading && strong) {
+            warmUp(*strong);
+        } else {
             finish();
         }
     };
     for (const TrustAnchor* anchor : changes.load) {
         ViciSection message;
         message.addSection(anchor->name).add("cacert", anchor->pem);
-        client.request("load-authority", message,
-                       [answered](ViciReply reply) { answered(!reply.succeeded()); });
+        client->request("load-authority", message,
+                        [answered](ViciReply reply) { answered(!reply.succeeded()); });
     }
     for (const std::string& name : changes.unload) {
         ViciSection message;
         message.add("name", name);
-        client.request("unload-authority", message, [answered](ViciReply reply) {
+        client->request("unload-authority", message, [answered](ViciReply reply) {
             if (!reply.succeeded()) {
                 DDLogDebug("IKEv2 unload-authority: {}", reply.failure());
             }
@@ -224,7 +230,33 @@ void SystemTrust::apply(ViciClient& client, const std::vector<std::string>& load
     }
 }
 
+void SystemTrust::warmUp(ViciClient& client) {
+    // charon works out the key identifiers of certificates lazily, on the
+    // first chain lookup: with the system's CAs that costs the first
+    // exchange hundreds of milliseconds. A lookup by a key id that no
+    // certificate has makes it work them out now, in the idle wait.
+    ViciSection lookup;
+    lookup.add("type", "X509").add("subject", "keyid:#00");
+    std::weak_ptr<bool> alive = alive_;
+    client.request("list-certs", lookup, [this, alive](const ViciReply& reply) {
+        if (!alive.lock()) {
+            return;
+        }
+        if (!reply.ok()) {
+            DDLogDebug("IKEv2 list-certs: {}", reply.failure());
+        }
+        finish();
+    });
+}
+
 void SystemTrust::finish() {
+    if (state_ == State::Running) {
+        DDLogDebug("IKEv2 system trust store in step after {} ms, {} CA certificates refused",
+                   std::chrono::duration_cast<std::chrono::milliseconds>(
+                       std::chrono::steady_clock::now() - started_)
+                       .count(),
+                   refused_);
+    }
     state_ = State::Finished;
     store_.clear();
     for (auto& waiter : waiters_) {

@@ -13,6 +13,7 @@
 
 #include <asio/io_context.hpp>
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -67,7 +68,8 @@ class SystemTrust {
     enum class State { Idle, Running, Finished };
     // The store's certificates; none when it cannot be read.
     std::optional<std::vector<TrustAnchor>> readStore() const;
-    void apply(ViciClient& client, const std::vector<std::string>& loaded);
+    void apply(const std::shared_ptr<ViciClient>& client, const std::vector<std::string>& loaded);
+    void warmUp(ViciClient& client);
     void finish();
 
     asio::io_context& context_;
@@ -75,6 +77,7 @@ class SystemTrust {
     State state_ = State::Idle;
     std::vector<std::function<void()>> waiters_;
     std::vector<TrustAnchor> store_;
+    std::chrono::steady_clock::time_point started_;
     int pending_ = 0;
     int refused_ = 0;
     std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);

@@ -243,6 +243,10 @@ bool buildLoadConn(const NEVPNProtocolIKEv2& protocol, ViciSection& message, std
     conn.addList("remote_addrs", {server});
     conn.addList("vips", {"0.0.0.0"});
     conn.addList("proposals", {ike});
+    // Like the platform's client, ask the server for no certificate (servers
+    // for it send theirs always): a request lists every trust anchor, with
+    // the system's a fragmented message and work on both sides per connect.
+    conn.add("send_certreq", "no");
     conn.add("dpd_delay", viciDpdDelay(protocol.deadPeerDetectionRate));
     addLifetimes(conn, protocol.IKESecurityAssociationParameters.lifetimeMinutes, true);
 

@@ -409,6 +409,8 @@ lab_resp_conn() {
     pools = ${6:-lab-pool}
     proposals = $proposals
     send_certreq = no
+    # as servers for Apple's clients, which ask for no certificate, must
+    send_cert = always
     local {
       auth = pubkey
       certs = $3

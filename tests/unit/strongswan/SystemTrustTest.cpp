@@ -96,6 +96,7 @@ class SystemTrustSyncTest : public ::testing::Test {
             link.respond(refuse ? answer(false, "CA certificate missing: x") : answer(true));
         });
         server.succeed("unload-authority");
+        server.on("list-certs", [](Link& link, const ViciSection&) { link.respond({}); });
         client = ss::ViciClient::create(io, server.path());
         std::string error;
         ASSERT_TRUE(client->connect(error)) << error;
@@ -146,6 +147,14 @@ TEST_F(SystemTrustSyncTest, LoadsMissingCertificatesAsAuthoritiesAndUnloadsStale
     auto unloads = server.requests("unload-authority");
     ASSERT_EQ(unloads.size(), 1u);
     EXPECT_EQ(unloads[0].message.get("name"), stale);
+    // Then a lookup that makes charon work out the new certificates' key
+    // ids now rather than in the first exchange.
+    auto lookups = server.requests("list-certs");
+    ASSERT_EQ(lookups.size(), 1u);
+    EXPECT_EQ(lookups[0].message.get("type"), "X509");
+    EXPECT_EQ(lookups[0].message.get("subject"), "keyid:#00");
+    auto got = server.received();
+    EXPECT_EQ(got.back().packet.name, "list-certs");
 
     // Once done, later calls only hear that it is.
     EXPECT_EQ(syncOnce(trust), 1);
@@ -163,6 +172,7 @@ TEST_F(SystemTrustSyncTest, WhatCharonHoldsAlreadyIsOnlyListed) {
     EXPECT_EQ(server.requests("get-authorities").size(), 1u);
     EXPECT_TRUE(server.requests("load-authority").empty());
     EXPECT_TRUE(server.requests("unload-authority").empty());
+    EXPECT_TRUE(server.requests("list-certs").empty());
 }
 
 TEST_F(SystemTrustSyncTest, NoStoreOnTheSystemMeansNoneOfOursStays) {

@@ -52,6 +52,7 @@ TEST(ViciProfileTest, ToolProfileBecomesTheExpectedTypedConnection) {
         {{c, "remote_addrs"}, K::List, {"vpn.example.net"}},
         {{c, "vips"}, K::List, {"0.0.0.0"}},
         {{c, "proposals"}, K::List, {"aes256-sha256-modp2048"}},
+        {{c, "send_certreq"}, K::Value, {"no"}},
         {{c, "dpd_delay"}, K::Value, {"60s"}},
         {{c, "rekey_time"}, K::Value, {"77760s"}},
         {{c, "over_time"}, K::Value, {"8640s"}},
@@ -79,14 +80,14 @@ TEST(ViciProfileTest, ToolProfileBecomesTheExpectedTypedConnection) {
     // Nothing else: one connection, and no key beyond the expected ones.
     ASSERT_EQ(message.entries().size(), 1u);
     const ViciSection& conn = *message.section(c);
-    EXPECT_EQ(conn.entries().size(), 10u);  // 7 keys + local, remote, children
+    EXPECT_EQ(conn.entries().size(), 11u);  // 8 keys + local, remote, children
     EXPECT_EQ(conn.section("local")->entries().size(), 3u);
     EXPECT_EQ(conn.section("remote")->entries().size(), 3u);
     EXPECT_EQ(conn.section("children")->section("orvane")->entries().size(), 4u);
     // The sections come in the order charon reads auth rounds.
-    EXPECT_EQ(conn.entries()[7].name, "local");
-    EXPECT_EQ(conn.entries()[8].name, "remote");
-    EXPECT_EQ(conn.entries()[9].name, "children");
+    EXPECT_EQ(conn.entries()[8].name, "local");
+    EXPECT_EQ(conn.entries()[9].name, "remote");
+    EXPECT_EQ(conn.entries()[10].name, "children");
 }
 
 TEST(ViciProfileTest, OptionalSettingsChangeOnlyTheirKeys) {
