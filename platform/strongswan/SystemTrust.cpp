@@ -81,6 +81,7 @@ std::vector<TrustAnchor> parseTrustBundle(std::string_view bundle) {
     std::set<std::string> seen;
     std::size_t at = 0;
     while ((at = bundle.find(kBegin, at)) != std::string_view::npos) {
+        std::size_t pemStart = at;
         std::size_t end = bundle.find(kEnd, at + kBegin.size());
         if (end == std::string_view::npos) {
             break;
@@ -91,15 +92,18 @@ std::vector<TrustAnchor> parseTrustBundle(std::string_view bundle) {
                 body += c;
             }
         }
-        std::string_view pem = bundle.substr(at, end + kEnd.size() - at);
         at = end + kEnd.size();
+        if (at < bundle.size() && bundle[at] == '\n') {
+            ++at;
+        }
+        std::string_view pem = bundle.substr(pemStart, at - pemStart);
         // One VICI value holds at most 64 KiB; no CA certificate comes near.
         if (body.empty() || pem.size() >= kViciMaxValue) {
             continue;
         }
         std::string name = std::string(kTrustAnchorPrefix) + sha256Hex(body);
         if (seen.insert(name).second) {
-            anchors.push_back({std::move(name), std::string(pem) + "\n"});
+            anchors.push_back({std::move(name), pem});
         }
     }
     return anchors;
@@ -131,21 +135,24 @@ SystemTrust::~SystemTrust() {
     *alive_ = false;
 }
 
-std::optional<std::vector<TrustAnchor>> SystemTrust::readStore() const {
+bool SystemTrust::readStore() {
+    bundle_.clear();
     for (const std::string& path : bundles_) {
         bool missing = false;
         std::string error;
         std::optional<std::string> bytes = readBundle(path, missing, error);
         if (bytes) {
-            return parseTrustBundle(*bytes);
+            bundle_ = std::move(*bytes);
+            break;
         }
         if (!missing) {
             DDLogDebug("IKEv2 system trust store not read: {}", error);
-            return std::nullopt;
+            return false;
         }
     }
-    // No store on this system: it trusts no CA.
-    return std::vector<TrustAnchor>{};
+    // No store on this system (an empty bundle_): it trusts no CA.
+    store_ = parseTrustBundle(bundle_);
+    return true;
 }
 
 void SystemTrust::sync(const std::shared_ptr<ViciClient>& client, std::function<void()> done) {
@@ -161,12 +168,10 @@ void SystemTrust::sync(const std::shared_ptr<ViciClient>& client, std::function<
     }
     state_ = State::Running;
     started_ = std::chrono::steady_clock::now();
-    std::optional<std::vector<TrustAnchor>> store = readStore();
-    if (!store || !client) {
+    if (!client || !readStore()) {
         finish();
         return;
     }
-    store_ = std::move(*store);
     std::weak_ptr<bool> alive = alive_;
     std::weak_ptr<ViciClient> weakClient = client;
     client->request("get-authorities", {}, [this, alive, weakClient](ViciReply reply) {
@@ -186,47 +191,66 @@ void SystemTrust::sync(const std::shared_ptr<ViciClient>& client, std::function<
 
 void SystemTrust::apply(const std::shared_ptr<ViciClient>& client,
                         const std::vector<std::string>& loaded) {
-    TrustChanges changes = planTrustChanges(loaded, store_);
-    pending_ = static_cast<int>(changes.load.size() + changes.unload.size());
+    changes_ = planTrustChanges(loaded, store_);
     DDLogDebug("IKEv2 system trust store: {} CA certificates, {} to load, {} to unload",
-               store_.size(), changes.load.size(), changes.unload.size());
-    if (pending_ == 0) {
+               store_.size(), changes_.load.size(), changes_.unload.size());
+    if (changes_.load.empty() && changes_.unload.empty()) {
         finish();
         return;
     }
+    // charon answers one request after the other: two in the queue keep it
+    // busy without holding every certificate's message at once.
+    sendNext(client);
+    sendNext(client);
+}
+
+void SystemTrust::sendNext(const std::shared_ptr<ViciClient>& client) {
+    std::size_t total = changes_.load.size() + changes_.unload.size();
+    if (sent_ == total) {
+        return;
+    }
+    std::size_t index = sent_++;
     std::weak_ptr<bool> alive = alive_;
-    bool loading = !changes.load.empty();
     std::weak_ptr<ViciClient> weakClient = client;
-    auto answered = [this, alive, weakClient, loading](bool refusedOne) {
+    ViciSection message;
+    if (index < changes_.load.size()) {
+        const TrustAnchor& anchor = *changes_.load[index];
+        message.addSection(anchor.name).add("cacert", std::string(anchor.pem));
+        client->request("load-authority", message,
+                        [this, alive, weakClient](const ViciReply& reply) {
+                            if (alive.lock()) {
+                                answered(weakClient, !reply.succeeded());
+                            }
+                        });
+        return;
+    }
+    message.add("name", changes_.unload[index - changes_.load.size()]);
+    client->request("unload-authority", message, [this, alive, weakClient](const ViciReply& reply) {
         if (!alive.lock()) {
             return;
         }
-        refused_ += refusedOne ? 1 : 0;
-        if (--pending_ > 0) {
-            return;
+        if (!reply.succeeded()) {
+            DDLogDebug("IKEv2 unload-authority: {}", reply.failure());
         }
-        auto strong = weakClient.lock();
-        if (loading && strong) {
-            warmUp(*strong);
-        } else {
-            finish();
-        }
-    };
-    for (const TrustAnchor* anchor : changes.load) {
-        ViciSection message;
-        message.addSection(anchor->name).add("cacert", anchor->pem);
-        client->request("load-authority", message,
-                        [answered](ViciReply reply) { answered(!reply.succeeded()); });
+        answered(weakClient, false);
+    });
+}
+
+void SystemTrust::answered(const std::weak_ptr<ViciClient>& client, bool refused) {
+    refused_ += refused ? 1 : 0;
+    auto strong = client.lock();
+    if (!strong) {
+        finish();
+        return;
     }
-    for (const std::string& name : changes.unload) {
-        ViciSection message;
-        message.add("name", name);
-        client->request("unload-authority", message, [answered](ViciReply reply) {
-            if (!reply.succeeded()) {
-                DDLogDebug("IKEv2 unload-authority: {}", reply.failure());
-            }
-            answered(false);
-        });
+    if (++answered_ < changes_.load.size() + changes_.unload.size()) {
+        sendNext(strong);
+        return;
+    }
+    if (!changes_.load.empty()) {
+        warmUp(*strong);
+    } else {
+        finish();
     }
 }
 
@@ -258,7 +282,10 @@ void SystemTrust::finish() {
                    refused_);
     }
     state_ = State::Finished;
+    changes_ = {};
     store_.clear();
+    bundle_.clear();
+    bundle_.shrink_to_fit();
     for (auto& waiter : waiters_) {
         asio::post(context_, std::move(waiter));
     }

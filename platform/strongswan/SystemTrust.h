@@ -33,11 +33,12 @@ std::vector<std::string> defaultTrustBundles();
 
 struct TrustAnchor {
     std::string name;
-    std::string pem;  // one "BEGIN CERTIFICATE" block
+    std::string_view pem;  // one "BEGIN CERTIFICATE" block of the bundle
 };
 
-// The certificates of a PEM bundle, in order, each once. The name hashes
-// the base64 text without line breaks, so wrapping does not change it.
+// The certificates of a PEM bundle, in order, each once; they refer to
+// `bundle`. The name hashes the base64 text without line breaks, so
+// wrapping does not change it.
 std::vector<TrustAnchor> parseTrustBundle(std::string_view bundle);
 
 struct TrustChanges {
@@ -66,9 +67,12 @@ class SystemTrust {
 
   private:
     enum class State { Idle, Running, Finished };
-    // The store's certificates; none when it cannot be read.
-    std::optional<std::vector<TrustAnchor>> readStore() const;
+    // Reads the store into bundle_ and store_; false when it cannot be read.
+    bool readStore();
     void apply(const std::shared_ptr<ViciClient>& client, const std::vector<std::string>& loaded);
+    // Sends the next change, if any is left.
+    void sendNext(const std::shared_ptr<ViciClient>& client);
+    void answered(const std::weak_ptr<ViciClient>& client, bool refused);
     void warmUp(ViciClient& client);
     void finish();
 
@@ -76,9 +80,12 @@ class SystemTrust {
     std::vector<std::string> bundles_;
     State state_ = State::Idle;
     std::vector<std::function<void()>> waiters_;
+    std::string bundle_;
     std::vector<TrustAnchor> store_;
+    TrustChanges changes_;
+    std::size_t sent_ = 0;
+    std::size_t answered_ = 0;
     std::chrono::steady_clock::time_point started_;
-    int pending_ = 0;
     int refused_ = 0;
     std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
 };

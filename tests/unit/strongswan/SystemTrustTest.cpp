@@ -196,6 +196,14 @@ TEST_F(SystemTrustSyncTest, UnreadableStoreLeavesCharonAsItIs) {
     EXPECT_TRUE(server.requests("get-authorities").empty());
 }
 
+TEST_F(SystemTrustSyncTest, CharonGoingAwayInTheMiddleEndsIt) {
+    server.on("load-authority", [](Link& link, const ViciSection&) { link.hangUp(); });
+    ss::SystemTrust trust(io, {bundle.string()});
+    EXPECT_EQ(syncOnce(trust), 1);
+    EXPECT_TRUE(trust.finished());
+    EXPECT_EQ(server.requests("load-authority").size(), 1u);
+}
+
 TEST_F(SystemTrustSyncTest, CharonWithoutAuthoritiesIsNoError) {
     FakeCharon bare;
     client = ss::ViciClient::create(io, bare.path());
