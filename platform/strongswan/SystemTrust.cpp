@@ -6,6 +6,9 @@
 #include <nettle/sha2.h>
 #include <asio/post.hpp>
 
+#include <sys/stat.h>
+
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -47,16 +50,25 @@ std::optional<std::string> readBundle(const std::string& path, bool& missing, st
         error = fmt::format("{}: {}", path, std::strerror(errno));
         return std::nullopt;
     }
+    // Read in place, into room for the whole file: a trust store is the
+    // largest thing the tool holds.
+    struct stat st {};
+    std::size_t expected = ::fstat(::fileno(file.get()), &st) == 0 && S_ISREG(st.st_mode)
+                               ? static_cast<std::size_t>(st.st_size)
+                               : 0;
     std::string bytes;
-    char buffer[65536];
+    bytes.reserve(std::min(expected, kMaxBundleSize) + 1);
     std::size_t n = 0;
-    while ((n = std::fread(buffer, 1, sizeof(buffer), file.get())) > 0) {
-        bytes.append(buffer, n);
+    do {
+        std::size_t at = bytes.size();
+        bytes.resize(std::max(bytes.capacity(), at + 4096));
+        n = std::fread(bytes.data() + at, 1, bytes.size() - at, file.get());
+        bytes.resize(at + n);
         if (bytes.size() > kMaxBundleSize) {
             error = fmt::format("{}: larger than {} bytes", path, kMaxBundleSize);
             return std::nullopt;
         }
-    }
+    } while (n > 0);
     if (std::ferror(file.get())) {
         error = fmt::format("{}: read error", path);
         return std::nullopt;
