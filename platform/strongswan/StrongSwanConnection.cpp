@@ -165,10 +165,10 @@ OptionalError StrongSwanConnection::startVPNTunnel(const NEVPNStartOptions& opti
 void StrongSwanConnection::prepareTrust() {
     std::weak_ptr<bool> alive = alive_;
     asio::post(context_, [this, alive] {
-        std::string error;
         if (!alive.lock() || trust_.finished()) {
             return;
         }
+        std::string error;
         if (!openCommands(error)) {
             DDLogDebug("IKEv2 charon not reachable for the trust anchors: {}", error);
             return;

@@ -227,13 +227,19 @@ bool buildLoadConn(const NEVPNProtocolIKEv2& protocol, ViciSection& message, std
                      error)) {
         return false;
     }
-    std::optional<std::string> localId;
-    if (protocol.localIdentifier || protocol.username) {
-        bool own = protocol.localIdentifier.has_value();
+    // The user name is also the owner of the EAP secret.
+    std::optional<std::string> user;
+    if (protocol.username) {
+        user.emplace();
+        if (!literalIdentity(*protocol.username, "user name", kCharonOwnerLimit, *user, error)) {
+            return false;
+        }
+    }
+    std::optional<std::string> localId = user;
+    if (protocol.localIdentifier) {
         localId.emplace();
-        if (!literalIdentity(own ? *protocol.localIdentifier : *protocol.username,
-                             own ? "local identifier" : "user name",
-                             own ? kCharonIdentityLimit : kCharonOwnerLimit, *localId, error)) {
+        if (!literalIdentity(*protocol.localIdentifier, "local identifier", kCharonIdentityLimit,
+                             *localId, error)) {
             return false;
         }
     }
@@ -252,18 +258,13 @@ bool buildLoadConn(const NEVPNProtocolIKEv2& protocol, ViciSection& message, std
 
     ViciSection& local = conn.addSection("local");
     if (protocol.useExtendedAuthentication) {
-        std::string eapId;
-        if (!protocol.username || protocol.username->empty()) {
+        if (!user) {
             error = "no user name for EAP";
-            return false;
-        }
-        // The user name is also the owner of the EAP secret.
-        if (!literalIdentity(*protocol.username, "user name", kCharonOwnerLimit, eapId, error)) {
             return false;
         }
         local.add("auth", "eap-mschapv2");
         local.add("id", *localId);
-        local.add("eap_id", eapId);
+        local.add("eap_id", *user);
     } else {
         switch (protocol.authenticationMethod) {
             case NEVPNIKEAuthenticationMethodCertificate:
