@@ -75,6 +75,12 @@ constexpr const char* kTrustFailure =
 constexpr const char* kTrustReason = "server certificate not trusted";
 constexpr const char* kIdentityReason = "server identity mismatch";
 
+// A missing public key with no certificate received before it: the server
+// sent none (it waits to be asked, and the tool asks for none).
+constexpr const char* kNoPublicKey = R"(no trusted \w+ public key found for)";
+constexpr const char* kCertificateReceived = R"(received end entity cert)";
+constexpr const char* kNoCertificateReason = "server sent no certificate";
+
 const RE2& trustFailure() {
     static const RE2 compiled(kTrustFailure);
     return compiled;
@@ -170,6 +176,7 @@ std::string DisconnectLog::lastReason(std::optional<Clock::time_point> since) co
             continue;
         }
         if (*reason == kIdentityReason) {
+            bool certificate = false;
             for (auto earlier = std::next(it); earlier != lines_.rend(); ++earlier) {
                 if (since && earlier->when < *since) {
                     break;
@@ -177,6 +184,11 @@ std::string DisconnectLog::lastReason(std::optional<Clock::time_point> since) co
                 if (RE2::PartialMatch(earlier->message, trustFailure())) {
                     return disconnectReasonForLine(earlier->message).value_or(kTrustReason);
                 }
+                certificate = certificate || RE2::PartialMatch(earlier->message,
+                                                               kCertificateReceived);
+            }
+            if (!certificate && RE2::PartialMatch(it->message, kNoPublicKey)) {
+                return kNoCertificateReason;
             }
         }
         return *reason;

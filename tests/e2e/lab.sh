@@ -41,6 +41,8 @@
 #             that the responder serves at http://192.0.2.2:8080/lab.crl.
 #     crlgone 192.0.2.8: crlgone.orvane.test, lab CA, its CRL at
 #             203.0.113.1, which the initiator cannot reach.
+#     quiet   192.0.2.10: like srv, but sends its certificate only when
+#             asked for it (strongSwan's default, send_cert = ifasked).
 #   LAB_DNS=1    the private /etc as above, charon's resolve plugin in the
 #                initiator, and:
 #     dns     192.0.2.9: vpn.orvane.test, assigns virtual IPs from
@@ -73,6 +75,7 @@ LAB_RESP_CONNS=("$LAB_RESP_CONN" "$LAB_ROGUE_CONN" "$LAB_ECHO_CONN" "$LAB_NOPROP
 LAB_LINK_SYSCA=192.0.2.6
 LAB_LINK_REVOKED=192.0.2.7
 LAB_LINK_CRLGONE=192.0.2.8
+LAB_LINK_QUIET=192.0.2.10
 LAB_SYSCA_NAME=sys.orvane.test
 LAB_REVOKED_NAME=revoked.orvane.test
 LAB_CRLGONE_NAME=crlgone.orvane.test
@@ -398,8 +401,9 @@ EOF
 
 # One responder connection: NAME bound to ADDRESS, authenticating with CERT
 # under identity ID (%any: answer with whatever identity the client asked
-# for), clients by EAP-MSCHAPv2, virtual IPs from the pool; IKE proposals
-# PROPOSALS (default: the tool's aes256-sha256-modp2048 and one more).
+# for), clients by EAP-MSCHAPv2, virtual IPs from POOL (default lab-pool);
+# IKE proposals PROPOSALS (default: the tool's aes256-sha256-modp2048 and
+# one more); the certificate sent as SEND_CERT says (default always).
 lab_resp_conn() {
   local proposals=${5:-aes256-sha256-modp2048, aes128-sha256-modp2048}
   cat <<EOF
@@ -409,8 +413,8 @@ lab_resp_conn() {
     pools = ${6:-lab-pool}
     proposals = $proposals
     send_certreq = no
-    # as servers for Apple's clients, which ask for no certificate, must
-    send_cert = always
+    # always: as servers for Apple's clients, which ask for no certificate
+    send_cert = ${7:-always}
     local {
       auth = pubkey
       certs = $3
@@ -444,7 +448,7 @@ lab_write_configs() {
     cp "$d/sys.key" "$d/revoked.key" "$d/crlgone.key" "$r/private/"
     # the responder builds (and sends) its chain from these
     cp "$d/sys-int.pem" "$d/sys-root.pem" "$r/x509ca/"
-    LAB_RESP_CONNS+=(sysca revoked crlgone)
+    LAB_RESP_CONNS+=(sysca revoked crlgone quiet)
   fi
   [ "${LAB_DNS:-0}" = 1 ] && LAB_RESP_CONNS+=(dns)
 
@@ -463,6 +467,7 @@ lab_write_configs() {
       lab_resp_conn sysca "$LAB_LINK_SYSCA" sys.pem "$LAB_SYSCA_NAME"
       lab_resp_conn revoked "$LAB_LINK_REVOKED" revoked.pem "$LAB_REVOKED_NAME"
       lab_resp_conn crlgone "$LAB_LINK_CRLGONE" crlgone.pem "$LAB_CRLGONE_NAME"
+      lab_resp_conn quiet "$LAB_LINK_QUIET" server.pem "$LAB_SERVER_NAME" "" "" ifasked
     fi
     if [ "${LAB_DNS:-0}" = 1 ]; then
       lab_resp_conn dns "$LAB_LINK_DNS" server.pem "$LAB_SERVER_NAME" "" dns-pool
@@ -509,7 +514,7 @@ lab_make_netns() {
   run ip -n "$LAB_NS_RESP" addr add "$LAB_LINK_NOPROP/24" dev "$LAB_VETH_RESP"
   run ip -n "$LAB_NS_RESP" addr add "$LAB_POOL_TARGET/32" dev lo
   if [ "${LAB_TRUST:-0}" = 1 ]; then
-    for a in "$LAB_LINK_SYSCA" "$LAB_LINK_REVOKED" "$LAB_LINK_CRLGONE"; do
+    for a in "$LAB_LINK_SYSCA" "$LAB_LINK_REVOKED" "$LAB_LINK_CRLGONE" "$LAB_LINK_QUIET"; do
       run ip -n "$LAB_NS_RESP" addr add "$a/24" dev "$LAB_VETH_RESP"
     done
   fi

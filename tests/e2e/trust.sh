@@ -4,7 +4,9 @@
 # also through an intermediate CA the server sends, and stops being trusted
 # once it leaves the store; a server certificate revoked in its CRL fails
 # with the reason "server certificate revoked"; a CRL server that cannot be
-# reached does not fail the connection. Topology and servers: lab.sh
+# reached does not fail the connection. Like the platform's client, the tool
+# asks for no certificate: a server that only sends it when asked fails
+# with "server sent no certificate". Topology and servers: lab.sh
 # (LAB_TRUST).
 #
 #   trust.sh PATH_TO_orvane-ikev2     exit 0 passed, 1 failed, 77 cannot run here
@@ -96,6 +98,10 @@ case_unreachable_revocation_server_is_no_failure() {
   stop_tool
 }
 
+case_server_waiting_to_be_asked_for_its_certificate_is_named() {
+  fails_with "$LAB_LINK_QUIET" "$LAB_SERVER_NAME" "server sent no certificate"
+}
+
 case_ca_removed_from_the_system_trust_store_is_no_longer_trusted() {
   local name
   name=$(anchor_name "$SYS_ROOT")
@@ -114,5 +120,6 @@ case_ca_removed_from_the_system_trust_store_is_no_longer_trusted() {
 t_case case_ca_only_in_the_system_trust_store_is_trusted "a CA only in the system trust store, through an intermediate the server sends: Connected"
 t_case case_revoked_server_certificate_fails_as_revoked "a server certificate revoked in its CRL: status 1, \"server certificate revoked\""
 t_case case_unreachable_revocation_server_is_no_failure "a CRL server that cannot be reached: Connected all the same"
+t_case case_server_waiting_to_be_asked_for_its_certificate_is_named "a server that sends its certificate only when asked: \"server sent no certificate\""
 t_case case_ca_removed_from_the_system_trust_store_is_no_longer_trusted "a CA taken out of the system trust store: \"server certificate not trusted\""
 suite_end
