@@ -67,12 +67,19 @@ constexpr const char* kSilentEnds[] = {
 
 // Lines that show the server's certificate chain was not trusted; when one
 // of them came first, a later "no trusted public key" line is about trust,
-// not about the identity.
+// not about the identity, and the earlier line says why (not trusted, or
+// revoked).
 constexpr const char* kTrustFailure =
     R"(no issuer certificate found for|constraint check failed: peer not authenticated by CA|)"
     R"(certificate was revoked)";
 constexpr const char* kTrustReason = "server certificate not trusted";
 constexpr const char* kIdentityReason = "server identity mismatch";
+
+// A missing public key with no certificate received before it: the server
+// sent none (it waits to be asked, and the tool asks for none).
+constexpr const char* kNoPublicKey = R"(no trusted \w+ public key found for)";
+constexpr const char* kCertificateReceived = R"(received end entity cert)";
+constexpr const char* kNoCertificateReason = "server sent no certificate";
 
 const RE2& trustFailure() {
     static const RE2 compiled(kTrustFailure);
@@ -169,13 +176,19 @@ std::string DisconnectLog::lastReason(std::optional<Clock::time_point> since) co
             continue;
         }
         if (*reason == kIdentityReason) {
+            bool certificate = false;
             for (auto earlier = std::next(it); earlier != lines_.rend(); ++earlier) {
                 if (since && earlier->when < *since) {
                     break;
                 }
                 if (RE2::PartialMatch(earlier->message, trustFailure())) {
-                    return kTrustReason;
+                    return disconnectReasonForLine(earlier->message).value_or(kTrustReason);
                 }
+                certificate = certificate || RE2::PartialMatch(earlier->message,
+                                                               kCertificateReceived);
+            }
+            if (!certificate && RE2::PartialMatch(it->message, kNoPublicKey)) {
+                return kNoCertificateReason;
             }
         }
         return *reason;

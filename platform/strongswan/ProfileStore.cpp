@@ -68,6 +68,11 @@ public:
         out = value != 0;
         return true;
     }
+    // A key that files written before it existed lack: absent reads as false.
+    bool optionalBoolean(plist_t parent, const char* key, bool& out) {
+        out = false;
+        return plist_dict_get_item(parent, key) == nullptr || boolean(parent, key, out);
+    }
     bool number(plist_t parent, const char* key, std::int64_t low, std::int64_t high,
                 std::int64_t& out) {
         plist_t node = plist_dict_get_item(parent, key);
@@ -226,6 +231,8 @@ std::string ProfileStore::serialize(const StoredProfile& profile) {
                         plist_new_bool(p.useExtendedAuthentication ? 1 : 0));
     plist_dict_set_item(proto, "EnableRevocationCheck",
                         plist_new_bool(p.enableRevocationCheck ? 1 : 0));
+    plist_dict_set_item(proto, "StrictRevocationCheck",
+                        plist_new_bool(p.strictRevocationCheck ? 1 : 0));
     plist_dict_set_item(proto, "EnablePFS", plist_new_bool(p.enablePFS ? 1 : 0));
     plist_dict_set_item(proto, "DisconnectOnSleep", plist_new_bool(p.disconnectOnSleep ? 1 : 0));
     plist_dict_set_item(proto, "DeadPeerDetectionRate",
@@ -273,6 +280,7 @@ bool ProfileStore::deserialize(const std::string& bytes, StoredProfile& profile,
         !read.number(proto, "AuthenticationMethod", 0, 2, auth) ||
         !read.boolean(proto, "UseExtendedAuthentication", p.useExtendedAuthentication) ||
         !read.boolean(proto, "EnableRevocationCheck", p.enableRevocationCheck) ||
+        !read.optionalBoolean(proto, "StrictRevocationCheck", p.strictRevocationCheck) ||
         !read.boolean(proto, "EnablePFS", p.enablePFS) ||
         !read.boolean(proto, "DisconnectOnSleep", p.disconnectOnSleep) ||
         !read.number(proto, "DeadPeerDetectionRate", 0, 3, dpd) ||

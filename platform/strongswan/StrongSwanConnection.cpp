@@ -20,6 +20,7 @@ StrongSwanConnection::StrongSwanConnection(StrongSwanManager& manager, asio::io_
       options_(options),
       tracker_(kVPNProfileName, kChildName),
       log_(kVPNProfileName),
+      trust_(context, options.trustBundles),
       pollTimer_(context) {}
 
 StrongSwanConnection::~StrongSwanConnection() {
@@ -110,8 +111,13 @@ OptionalError StrongSwanConnection::startVPNTunnel(const NEVPNStartOptions& opti
     if (!manager_.connectionLoaded() && !buildLoadConn(*protocol, conn, error)) {
         return makeVPNError(NEVPNErrorConfigurationInvalid, error);
     }
+    ViciSection secret;
+    if (!buildLoadShared(options.username, options.password, secret, error)) {
+        return makeVPNError(NEVPNErrorConfigurationInvalid, error);
+    }
     bool freshEvents = !(events_ && events_->isOpen());
     if (!openEvents(error) || !openCommands(error)) {
+        secret.wipe();
         return makeVPNError(NEVPNErrorConnectionFailed, "charon not reachable: " + error);
     }
 
@@ -131,6 +137,15 @@ OptionalError StrongSwanConnection::startVPNTunnel(const NEVPNStartOptions& opti
             }
         };
     };
+    // The server's certificate is checked against the system's trust
+    // anchors: charon must have them before the exchange.
+    if (!trust_.finished()) {
+        trust_.sync(commands_, [done = prerequisite("trust anchors")] {
+            ViciReply reply;
+            reply.status = ViciReply::Status::Ok;
+            done(std::move(reply));
+        });
+    }
     // The events must be registered before charon starts the exchange, or
     // the first lines and a quick failure could be missed.
     if (freshEvents) {
@@ -138,8 +153,6 @@ OptionalError StrongSwanConnection::startVPNTunnel(const NEVPNStartOptions& opti
             events_->registerEvent(event, prerequisite(event));
         }
     }
-    ViciSection secret;
-    buildLoadShared(options.username, options.password, secret);
     commands_->request("load-shared", secret, prerequisite("load-shared"));
     secret.wipe();
     if (!manager_.connectionLoaded()) {
@@ -147,6 +160,21 @@ OptionalError StrongSwanConnection::startVPNTunnel(const NEVPNStartOptions& opti
     }
     changed(tracker_.startRequested());
     return std::nullopt;
+}
+
+void StrongSwanConnection::prepareTrust() {
+    std::weak_ptr<bool> alive = alive_;
+    asio::post(context_, [this, alive] {
+        if (!alive.lock() || trust_.finished()) {
+            return;
+        }
+        std::string error;
+        if (!openCommands(error)) {
+            DDLogDebug("IKEv2 charon not reachable for the trust anchors: {}", error);
+            return;
+        }
+        trust_.sync(commands_, {});
+    });
 }
 
 void StrongSwanConnection::prerequisiteDone(std::uint64_t generation, bool ok,

@@ -94,6 +94,9 @@ void StrongSwanManager::saveToPreferences(CompletionHandler handler) {
     }
     connectionLoaded_ = true;
     complete(std::move(handler), std::nullopt);
+    // After the completion, in the idle time before a start: a run that
+    // ends in the completion (create only) never loads them.
+    connection_->prepareTrust();
 }
 
 void StrongSwanManager::removeFromPreferences(CompletionHandler handler) {

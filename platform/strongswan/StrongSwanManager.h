@@ -14,6 +14,7 @@
 #include "platform/strongswan/DisconnectLog.h"
 #include "platform/strongswan/ProfileStore.h"
 #include "platform/strongswan/StatusTracker.h"
+#include "platform/strongswan/SystemTrust.h"
 #include "platform/strongswan/ViciClient.h"
 
 #include <asio/io_context.hpp>
@@ -31,6 +32,8 @@ namespace platform::strongswan {
 struct StrongSwanOptions {
     std::string socketPath = kViciDefaultSocket;
     std::string preferencesPath = kDefaultPreferencesPath;
+    // Where to look for the system's trust store (SystemTrust.h).
+    std::vector<std::string> trustBundles = defaultTrustBundles();
     // Called (on the io_context) after every status change.
     std::function<void()> statusChanged;
     // How often charon is asked whether the tunnel's IKE_SA still exists
@@ -67,6 +70,10 @@ public:
     OptionalError startVPNTunnel(const NEVPNStartOptions& options) override;
     void stopVPNTunnel() override;
 
+    // After what is already queued on the run loop, starts giving charon the
+    // system's trust anchors, so that a start soon after need not wait.
+    void prepareTrust();
+
     // The reason of the last disconnect since `since`, after giving late
     // log lines a short bounded time to arrive.
     std::string lastDisconnectError(std::optional<SystemClock::time_point> since);
@@ -96,6 +103,7 @@ private:
     bool listSaRegistered_ = false;
     StatusTracker tracker_;
     DisconnectLog log_;
+    SystemTrust trust_;
     asio::steady_timer pollTimer_;
     bool pollScheduled_ = false;
     bool pollInFlight_ = false;

@@ -1,5 +1,7 @@
 #include "platform/strongswan/ViciProfile.h"
 
+#include "platform/strongswan/CharonValues.h"
+
 #include <fmt/format.h>
 
 namespace platform::strongswan {
@@ -195,10 +197,27 @@ std::string viciDpdDelay(NEVPNIKEv2DeadPeerDetectionRate rate) {
     return "0s";
 }
 
+namespace {
+
+// charon's revocation policy for the platform's two flags: strict wants a
+// "good" answer; otherwise only a "revoked" answer fails, and a revocation
+// server that cannot be reached does not. charon cannot leave out the check
+// for one connection, so without the check the lenient policy stands too.
+const char* viciRevocation(const NEVPNProtocolIKEv2& protocol) {
+    return protocol.enableRevocationCheck && protocol.strictRevocationCheck ? "strict" : "relaxed";
+}
+
+}  // namespace
+
 bool buildLoadConn(const NEVPNProtocolIKEv2& protocol, ViciSection& message, std::string& error) {
     message = ViciSection{};
-    if (!protocol.serverAddress || protocol.serverAddress->empty()) {
-        error = "no server address";
+    std::string server;
+    if (!literalServerAddress(protocol.serverAddress.value_or(""), server, error)) {
+        return false;
+    }
+    std::string remoteId;
+    if (!literalIdentity(protocol.remoteIdentifier.value_or(""), "remote identifier",
+                         kCharonIdentityLimit, remoteId, error)) {
         return false;
     }
     std::string ike;
@@ -208,27 +227,44 @@ bool buildLoadConn(const NEVPNProtocolIKEv2& protocol, ViciSection& message, std
                      error)) {
         return false;
     }
+    // The user name is also the owner of the EAP secret.
+    std::optional<std::string> user;
+    if (protocol.username) {
+        user.emplace();
+        if (!literalIdentity(*protocol.username, "user name", kCharonOwnerLimit, *user, error)) {
+            return false;
+        }
+    }
+    std::optional<std::string> localId = user;
+    if (protocol.localIdentifier) {
+        localId.emplace();
+        if (!literalIdentity(*protocol.localIdentifier, "local identifier", kCharonIdentityLimit,
+                             *localId, error)) {
+            return false;
+        }
+    }
+
     ViciSection& conn = message.addSection(kVPNProfileName);
     conn.add("version", "2");
-    conn.addList("remote_addrs", {*protocol.serverAddress});
+    conn.addList("remote_addrs", {server});
     conn.addList("vips", {"0.0.0.0"});
     conn.addList("proposals", {ike});
+    // Like the platform's client, ask the server for no certificate (servers
+    // for it send theirs always): a request lists every trust anchor, with
+    // the system's a fragmented message and work on both sides per connect.
+    conn.add("send_certreq", "no");
     conn.add("dpd_delay", viciDpdDelay(protocol.deadPeerDetectionRate));
     addLifetimes(conn, protocol.IKESecurityAssociationParameters.lifetimeMinutes, true);
 
     ViciSection& local = conn.addSection("local");
-    const std::optional<std::string>& localId =
-        protocol.localIdentifier ? protocol.localIdentifier : protocol.username;
     if (protocol.useExtendedAuthentication) {
-        if (!protocol.username || protocol.username->empty()) {
+        if (!user) {
             error = "no user name for EAP";
             return false;
         }
         local.add("auth", "eap-mschapv2");
-        if (localId) {
-            local.add("id", *localId);
-        }
-        local.add("eap_id", *protocol.username);
+        local.add("id", *localId);
+        local.add("eap_id", *user);
     } else {
         switch (protocol.authenticationMethod) {
             case NEVPNIKEAuthenticationMethodCertificate:
@@ -256,12 +292,8 @@ bool buildLoadConn(const NEVPNProtocolIKEv2& protocol, ViciSection& message, std
             remote.add("auth", "pubkey");
             break;
     }
-    if (protocol.remoteIdentifier && !protocol.remoteIdentifier->empty()) {
-        remote.add("id", *protocol.remoteIdentifier);
-    }
-    if (protocol.enableRevocationCheck) {
-        remote.add("revocation", "ifuri");
-    }
+    remote.add("id", remoteId);
+    remote.add("revocation", viciRevocation(protocol));
 
     ViciSection& child = conn.addSection("children").addSection(kChildName);
     child.addList("remote_ts", {"0.0.0.0/0"});
@@ -270,13 +302,19 @@ bool buildLoadConn(const NEVPNProtocolIKEv2& protocol, ViciSection& message, std
     return true;
 }
 
-void buildLoadShared(std::string_view username, std::string_view password, ViciSection& message) {
+bool buildLoadShared(std::string_view username, std::string_view password, ViciSection& message,
+                     std::string& error) {
     message = ViciSection{};
+    std::string owner;
+    if (!literalIdentity(username, "user name", kCharonOwnerLimit, owner, error)) {
+        return false;
+    }
     message.reserve(4);
     message.add("id", kEapSecretId);
     message.add("type", "EAP");
     message.addSecret("data", password);
-    message.addList("owners", {std::string(username)});
+    message.addList("owners", {owner});
+    return true;
 }
 
 ViciSection buildInitiate() {

@@ -145,9 +145,52 @@ TEST(DisconnectLogTest, OnlyTrustFailuresSinceTheStartTurnAMissingKeyIntoATrustP
     ss::DisconnectLog log("Orvane IKEv2");
     auto t0 = ss::DisconnectLog::Clock::now();
     log.add(logLine("no issuer certificate found for \"CN=vpn\""), t0 - 10s);
+    log.add(logLine("received end entity cert \"CN=vpn\""), t0 + 1s);
     log.add(logLine("no trusted RSA public key found for 'vpn'"), t0 + 1s);
     EXPECT_EQ(log.lastReason(t0), "server identity mismatch");
     EXPECT_EQ(log.lastReason(std::nullopt), "server certificate not trusted");
+}
+
+TEST(DisconnectLogTest, RevokedServerCertificateIsNamedAsRevoked) {
+    // The later "no trusted public key" line must not hide why the chain
+    // failed.
+    ss::DisconnectLog log("Orvane IKEv2");
+    for (const char* line : {
+             "received end entity cert \"C=ZZ, O=Orvane Lab, CN=revoked.orvane.test\"",
+             "  fetching crl from 'http://192.0.2.2:8080/lab.crl' ...",
+             "  using trusted certificate \"C=ZZ, O=Orvane Lab, CN=Orvane Lab CA\"",
+             "  crl correctly signed by \"C=ZZ, O=Orvane Lab, CN=Orvane Lab CA\"",
+             "certificate was revoked on Nov 23 02:30:00 UTC 2026, reason: key compromise",
+             "no trusted RSA public key found for 'revoked.orvane.test'",
+         }) {
+        log.add(logLine(line));
+    }
+    EXPECT_EQ(log.lastReason(std::nullopt), "server certificate revoked");
+    EXPECT_EQ(ss::disconnectReasonForLine(
+                  "certificate was revoked on Nov 23 02:30:00 UTC 2026, reason: superseded"),
+              "server certificate revoked");
+    // A revocation server that could not be asked only fails a strict check.
+    EXPECT_EQ(ss::disconnectReasonForLine("constraint check failed: RULE_CRL_VALIDATION is "
+                                          "FAILED, but requires at least GOOD"),
+              "server certificate revocation check failed");
+}
+
+TEST(DisconnectLogTest, ServerThatSentNoCertificateIsNamedSo) {
+    // A server that waits to be asked for its certificate sends none to a
+    // client that asks for none.
+    ss::DisconnectLog log("Orvane IKEv2");
+    log.add(logLine("parsed IKE_AUTH response 1 [ IDr AUTH EAP/REQ/ID ]", "Orvane IKEv2", "ENC"));
+    log.add(logLine("no trusted RSA public key found for 'vpn.orvane.test'"));
+    EXPECT_EQ(log.lastReason(std::nullopt), "server sent no certificate");
+    // With a certificate received, the same line is about the identity.
+    log.clear();
+    log.add(logLine("received end entity cert \"C=ZZ, O=Orvane Lab, CN=vpn.orvane.test\""));
+    log.add(logLine("no trusted RSA public key found for 'wrong.orvane.test'"));
+    EXPECT_EQ(log.lastReason(std::nullopt), "server identity mismatch");
+    // An identity constraint is no missing certificate.
+    log.clear();
+    log.add(logLine("constraint check failed: identity 'other' required"));
+    EXPECT_EQ(log.lastReason(std::nullopt), "server identity mismatch");
 }
 
 TEST(DisconnectLogTest, BoundsWhatItKeeps) {

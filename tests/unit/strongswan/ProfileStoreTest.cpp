@@ -78,6 +78,35 @@ TEST_F(ProfileStoreTest, SavesAndLoadsEveryField) {
     EXPECT_EQ(*loaded, profile);
 }
 
+TEST_F(ProfileStoreTest, StrictRevocationCheckIsSavedAndDefaultsToNo) {
+    ss::ProfileStore store(file);
+    NSError error;
+    ss::StoredProfile profile = sampleProfile();
+    for (bool strict : {true, false}) {
+        profile.protocol.strictRevocationCheck = strict;
+        ASSERT_TRUE(store.save(profile, error)) << error.description;
+        std::optional<ss::StoredProfile> loaded;
+        ASSERT_TRUE(store.load(loaded, error)) << error.description;
+        ASSERT_TRUE(loaded.has_value());
+        EXPECT_EQ(loaded->protocol.strictRevocationCheck, strict);
+    }
+
+    // A file written before the key existed reads as NO; a wrong type is
+    // still a corrupt file.
+    std::string text = ss::ProfileStore::serialize(sampleProfile());
+    const std::string key = "<key>StrictRevocationCheck</key>\n\t\t<false/>\n\t\t";
+    auto at = text.find(key);
+    ASSERT_NE(at, std::string::npos) << text;
+    writeFile(file, std::string(text).erase(at, key.size()));
+    std::optional<ss::StoredProfile> loaded;
+    ASSERT_TRUE(store.load(loaded, error)) << error.description;
+    EXPECT_FALSE(loaded->protocol.strictRevocationCheck);
+    EXPECT_EQ(*loaded, sampleProfile());
+    writeFile(file, std::string(text).replace(at, key.size(),
+                                              "<key>StrictRevocationCheck</key><string>no</string>"));
+    EXPECT_FALSE(store.load(loaded, error));
+}
+
 TEST_F(ProfileStoreTest, FileIsPrivateAndFolderCreatedPrivate) {
     ss::ProfileStore store(file);
     NSError error;

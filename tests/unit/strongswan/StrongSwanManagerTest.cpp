@@ -223,8 +223,8 @@ TEST_F(StrongSwanManagerTest, SaveWritesThePrivateFileAndLoadsTheTypedConnection
     ASSERT_NE(child, nullptr);
     EXPECT_EQ(*child->list("esp_proposals"), std::vector<std::string>{"aes256-sha256-modp2048"});
     EXPECT_EQ(*child->list("remote_ts"), std::vector<std::string>{"0.0.0.0/0"});
-    EXPECT_EQ(conn->section("remote")->get("revocation"), "ifuri");
-    EXPECT_EQ(conn->section("local")->get("eap_id"), "alice");
+    EXPECT_EQ(conn->section("remote")->get("revocation"), "relaxed");
+    EXPECT_EQ(conn->section("local")->get("eap_id"), "fqdn:alice");
 }
 
 TEST_F(StrongSwanManagerTest, SaveWithoutCharonIsNoError) {
@@ -242,6 +242,21 @@ TEST_F(StrongSwanManagerTest, ConnectionRefusedByCharonIsASaveError) {
     ASSERT_TRUE(error.has_value());
     EXPECT_EQ(error->code, ss::NEVPNErrorConfigurationInvalid);
     EXPECT_NE(error->description.find("invalid value for: proposals"), std::string::npos);
+}
+
+TEST_F(StrongSwanManagerTest, ValueCharonWouldInterpretIsASaveErrorAndNothingIsSaved) {
+    make();
+    auto profile = toolProfile();
+    profile.serverAddress = "192.0.2.2,192.0.2.3";
+    manager->setProtocolConfiguration(profile);
+    auto error = call(&ss::StrongSwanManager::saveToPreferences);
+    ASSERT_TRUE(error.has_value());
+    EXPECT_EQ(error->code, ss::NEVPNErrorConfigurationInvalid);
+    EXPECT_EQ(error->description,
+              "Error Domain=NEVPNErrorDomain Code=1 \"server address '192.0.2.2,192.0.2.3' is a "
+              "list; give one address or DNS name\"");
+    EXPECT_FALSE(fs::exists(prefs));
+    EXPECT_TRUE(server.requests("load-conn").empty());
 }
 
 TEST_F(StrongSwanManagerTest, SaveWithoutAProfileIsAnError) {
@@ -317,7 +332,7 @@ TEST_F(StrongSwanManagerTest, StartLoadsTheSecretThenInitiatesAndFollowsTheEvent
     EXPECT_EQ(secret.get("type"), "EAP");
     EXPECT_EQ(secret.get("data"), kPassword);
     ASSERT_NE(secret.list("owners"), nullptr);
-    EXPECT_EQ(*secret.list("owners"), std::vector<std::string>{"alice"});
+    EXPECT_EQ(*secret.list("owners"), std::vector<std::string>{"fqdn:alice"});
     const ViciSection& init = got[initiate].packet.message;
     EXPECT_EQ(init.get("child"), "orvane");
     EXPECT_EQ(init.get("ike"), kConn);
@@ -349,6 +364,62 @@ TEST_F(StrongSwanManagerTest, StartLoadsTheConnectionWhenTheSaveCouldNot) {
     std::size_t load = indexOf(got, ViciPacketType::CmdRequest, "load-conn");
     ASSERT_LT(load, got.size());
     EXPECT_LT(load, indexOf(got, ViciPacketType::CmdRequest, "initiate"));
+}
+
+// A trust store of two (text-only) certificates, and a charon that holds
+// no authorities yet.
+void trustStoreOfTwo(FakeCharon& server, const fs::path& bundle) {
+    std::ofstream(bundle) << "-----BEGIN CERTIFICATE-----\nQUFB\n-----END CERTIFICATE-----\n"
+                          << "-----BEGIN CERTIFICATE-----\nQkJC\n-----END CERTIFICATE-----\n";
+    server.on("get-authorities", [](Link& link, const ViciSection&) {
+        ViciSection reply;
+        reply.addList("authorities", {});
+        link.respond(reply);
+    });
+    server.succeed("load-authority");
+}
+
+TEST_F(StrongSwanManagerTest, SaveGivesCharonTheSystemTrustAnchorsAfterItsCompletion) {
+    trustStoreOfTwo(server, root / "bundle.pem");
+    make([&](ss::StrongSwanOptions& o) { o.trustBundles = {(root / "bundle.pem").string()}; });
+    manager->setProtocolConfiguration(toolProfile());
+    bool done = false;
+    std::size_t asked = 1;
+    manager->saveToPreferences([&](const platform::OptionalError& error) {
+        EXPECT_FALSE(error.has_value());
+        done = true;
+        // A run that ends here (create only) has not started on them.
+        asked = server.requests("get-authorities").size();
+    });
+    ASSERT_TRUE(runUntil([&] { return server.requests("load-authority").size() == 2; }));
+    EXPECT_TRUE(done);
+    EXPECT_EQ(asked, 0u);
+    auto got = server.received();
+    EXPECT_LT(indexOf(got, ViciPacketType::CmdRequest, "load-conn"),
+              indexOf(got, ViciPacketType::CmdRequest, "get-authorities"));
+}
+
+TEST_F(StrongSwanManagerTest, StartWaitsForTheSystemTrustAnchors) {
+    // charon was away at the save: the start gives it the anchors before
+    // the exchange.
+    trustStoreOfTwo(server, root / "bundle.pem");
+    fs::create_directories(prefs.parent_path());
+    platform::NSError saveError;
+    ASSERT_TRUE(ss::ProfileStore(prefs).save({toolProfile(), true, kConn}, saveError));
+    make([&](ss::StrongSwanOptions& o) { o.trustBundles = {(root / "bundle.pem").string()}; });
+    ASSERT_FALSE(call(&ss::StrongSwanManager::loadFromPreferences).has_value());
+    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", kPassword}).has_value());
+    ASSERT_TRUE(runUntil([&] { return !server.requests("initiate").empty(); }));
+    auto got = server.received();
+    std::size_t initiate = indexOf(got, ViciPacketType::CmdRequest, "initiate");
+    std::size_t loads = 0;
+    for (std::size_t i = 0; i < got.size(); ++i) {
+        if (got[i].packet.name == "load-authority") {
+            ++loads;
+            EXPECT_LT(i, initiate);
+        }
+    }
+    EXPECT_EQ(loads, 2u);
 }
 
 TEST_F(StrongSwanManagerTest, StartIsRefusedWithoutCharonOrCredentials) {
