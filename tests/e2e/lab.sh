@@ -134,10 +134,11 @@ lab_forget_pid() {
 # ---------------------------------------------------------------- probe
 
 # Prints why this host cannot run the lab and fails, or succeeds silently.
+# Arguments: further commands a suite needs.
 lab_probe() {
   local c
   if [ "$(id -u)" -ne 0 ]; then echo "needs root (network namespaces, charon)"; return 1; fi
-  for c in ip nsenter unshare nft pki swanctl python3 ping mount; do
+  for c in ip nsenter unshare nft pki swanctl python3 ping mount "$@"; do
     command -v "$c" >/dev/null 2>&1 || { echo "missing command: $c"; return 1; }
   done
   [ -x "$LAB_CHARON" ] || { echo "missing strongSwan charon at $LAB_CHARON"; return 1; }
@@ -153,9 +154,10 @@ lab_probe() {
 }
 
 # Skip (status 77) with a reason, except under CI=true where a skip fails.
+# Arguments: as lab_probe.
 lab_require() {
   local why
-  if ! why=$(lab_probe); then
+  if ! why=$(lab_probe "$@"); then
     if [ "${CI:-}" = true ]; then
       echo "FAIL: cannot run on this host under CI: $why"
       exit 1
@@ -485,6 +487,50 @@ lab_up() {
   lab_start_responder || return 1
   lab_start_initiator || return 1
   lab_log "lab up in $(( $(lab_now_ms) - t0 )) ms"
+}
+
+# ---------------------------------------------------------------- system bus
+
+# A private system bus in the initiator's namespaces: a dbus-daemon on
+# /run/dbus/system_bus_socket of the initiator's private /run, which is
+# where every sd-bus client there (orvane-ikev2, a logind stand-in) looks
+# for the system bus. The machine's own bus is never touched. Any client
+# may own any name on it.
+lab_bus_socket() { echo "/proc/$LAB_INIT_PID/root/run/dbus/system_bus_socket"; }
+
+lab_bus_ready() {
+  lab_alive "$1" || return 125
+  test -S "$(lab_bus_socket)"
+}
+
+lab_start_init_bus() {
+  local conf=$LAB_DIR/init/system-bus.conf pid
+  cat >"$conf" <<'EOF'
+<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig>
+  <type>system</type>
+  <listen>unix:path=/run/dbus/system_bus_socket</listen>
+  <auth>EXTERNAL</auth>
+  <policy context="default">
+    <allow own="*"/>
+    <allow send_destination="*"/>
+    <allow receive_sender="*"/>
+  </policy>
+</busconfig>
+EOF
+  run in_init mkdir -p /run/dbus || return 1
+  printf '[%s] + nsenter -t %s -m -n dbus-daemon --nofork --nopidfile --config-file=%s &\n' \
+    "$(date -u +%H:%M:%S.%3N)" "$LAB_INIT_PID" "$conf"
+  nsenter -t "$LAB_INIT_PID" -m -n dbus-daemon --nofork --nopidfile --config-file="$conf" \
+    >>"$LAB_DIR/dbus-init.out" 2>&1 </dev/null &
+  pid=$!
+  LAB_PIDS+=("$pid")
+  if ! wait_until 5 lab_bus_ready "$pid"; then
+    lab_log "the initiator's system bus did not open its socket within 5 s"
+    return 1
+  fi
+  lab_log "system bus in the initiator's namespaces: pid $pid"
 }
 
 # ---------------------------------------------------------------- queries
