@@ -495,7 +495,7 @@ lab_up() {
 # /run/dbus/system_bus_socket of the initiator's private /run, which is
 # where every sd-bus client there (orvane-ikev2, a logind stand-in) looks
 # for the system bus. The machine's own bus is never touched. Any client
-# may own any name on it.
+# may own any name on it (tests/logind/system-bus.conf).
 lab_bus_socket() { echo "/proc/$LAB_INIT_PID/root/run/dbus/system_bus_socket"; }
 
 lab_bus_ready() {
@@ -505,20 +505,7 @@ lab_bus_ready() {
 
 lab_start_init_bus() {
   local conf=$LAB_DIR/init/system-bus.conf pid
-  cat >"$conf" <<'EOF'
-<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig>
-  <type>system</type>
-  <listen>unix:path=/run/dbus/system_bus_socket</listen>
-  <auth>EXTERNAL</auth>
-  <policy context="default">
-    <allow own="*"/>
-    <allow send_destination="*"/>
-    <allow receive_sender="*"/>
-  </policy>
-</busconfig>
-EOF
+  sed 's|@LISTEN@|unix:path=/run/dbus/system_bus_socket|' "$LAB_SRC_DIR/../logind/system-bus.conf" >"$conf" || return 1
   run in_init mkdir -p /run/dbus || return 1
   printf '[%s] + nsenter -t %s -m -n dbus-daemon --nofork --nopidfile --config-file=%s &\n' \
     "$(date -u +%H:%M:%S.%3N)" "$LAB_INIT_PID" "$conf"

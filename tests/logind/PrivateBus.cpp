@@ -24,6 +24,25 @@ namespace {
 
 constexpr const char* kDaemon = "dbus-daemon";
 
+// The bus's configuration, from the template beside this file.
+bool writeConfig(const std::string& path, const std::string& listen, std::string& error) {
+    std::ifstream in(ORVANE_SYSTEM_BUS_CONF);
+    std::string text(std::istreambuf_iterator<char>(in), {});
+    auto at = text.find("@LISTEN@");
+    if (at == std::string::npos) {
+        error = std::string("no @LISTEN@ in ") + ORVANE_SYSTEM_BUS_CONF;
+        return false;
+    }
+    text.replace(at, std::strlen("@LISTEN@"), listen);
+    std::ofstream out(path);
+    out << text;
+    if (!out.flush()) {
+        error = "cannot write " + path;
+        return false;
+    }
+    return true;
+}
+
 bool accepts(const std::string& path) {
     int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0) {
@@ -57,21 +76,9 @@ bool PrivateBus::start(std::string& error) {
     directory_ = pattern;
     socket_ = directory_ + "/bus";
     std::string config = directory_ + "/bus.conf";
-    std::ofstream(config)
-        << R"(<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig>
-  <type>system</type>
-  <listen>unix:path=)"
-        << socket_ << R"(</listen>
-  <auth>EXTERNAL</auth>
-  <policy context="default">
-    <allow own="*"/>
-    <allow send_destination="*"/>
-    <allow receive_sender="*"/>
-  </policy>
-</busconfig>
-)";
+    if (!writeConfig(config, "unix:path=" + socket_, error)) {
+        return false;
+    }
     std::string configArgument = "--config-file=" + config;
     std::vector<char*> argv = {const_cast<char*>(kDaemon), const_cast<char*>("--nofork"),
                                const_cast<char*>("--nopidfile"), configArgument.data(), nullptr};

@@ -3,6 +3,7 @@
 #include "platform/strongswan/DisconnectLog.h"
 #include "tests/unit/strongswan/LogCapture.h"
 #include "tests/unit/strongswan/PrivateLogind.h"
+#include "tests/unit/strongswan/RunIo.h"
 
 #include <gtest/gtest.h>
 
@@ -70,12 +71,7 @@ class SleepWatchTest : public ::testing::Test {
     }
 
     bool runUntil(const std::function<bool()>& done, std::chrono::milliseconds limit = 3000ms) {
-        auto deadline = std::chrono::steady_clock::now() + limit;
-        while (!done() && std::chrono::steady_clock::now() < deadline) {
-            io.restart();
-            io.run_for(5ms);
-        }
-        return done();
+        return testio::runUntil(io, done, limit);
     }
 
     asio::io_context io;

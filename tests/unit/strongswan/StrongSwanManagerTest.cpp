@@ -5,6 +5,7 @@
 #include "tests/unit/strongswan/FakeCharon.h"
 #include "tests/unit/strongswan/LogCapture.h"
 #include "tests/unit/strongswan/PrivateLogind.h"
+#include "tests/unit/strongswan/RunIo.h"
 #include "tests/unit/strongswan/ToolProfile.h"
 
 #include <gtest/gtest.h>
@@ -133,12 +134,7 @@ protected:
     }
 
     bool runUntil(const std::function<bool()>& done, std::chrono::milliseconds limit = 3000ms) {
-        auto deadline = std::chrono::steady_clock::now() + limit;
-        while (!done() && std::chrono::steady_clock::now() < deadline) {
-            io.restart();
-            io.run_for(5ms);
-        }
-        return done();
+        return testio::runUntil(io, done, limit);
     }
 
     platform::OptionalError call(void (ss::StrongSwanManager::*method)(platform::CompletionHandler)) {
