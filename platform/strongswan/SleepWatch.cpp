@@ -95,6 +95,8 @@ struct SleepWatch::Connection : std::enable_shared_from_this<Connection> {
                     self->pumpOrEnd();
                 }
             });
+        } else {
+            timer.cancel();
         }
         return true;
     }
