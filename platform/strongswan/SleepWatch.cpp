@@ -200,13 +200,16 @@ void SleepWatch::begin() {
         DDLogDebug("IKEv2 no system bus, sleep is not watched: {}", errnoText(r));
         return;
     }
+    // Asio watches a copy of the socket, so that closing either side's
+    // descriptor leaves the other's alone.
     int fd = sd_bus_get_fd(connection->bus);
-    if (fd < 0 || (fd = ::fcntl(fd, F_DUPFD_CLOEXEC, 3)) < 0) {
+    int copy = fd < 0 ? -1 : ::fcntl(fd, F_DUPFD_CLOEXEC, 3);
+    if (copy < 0) {
         DDLogDebug("IKEv2 system bus unusable, sleep is not watched: {}",
                    errnoText(fd < 0 ? fd : -errno));
         return;
     }
-    connection->socket.assign(fd);
+    connection->socket.assign(copy);
     r = sd_bus_match_signal_async(connection->bus, &connection->sleepSignal, kLogind, kLogindPath,
                                   kLogindManager, "PrepareForSleep", &Connection::onPrepareForSleep,
                                   nullptr, connection.get());
