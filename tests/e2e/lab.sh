@@ -179,6 +179,9 @@ lab_init() {
   chmod 700 "$LAB_DIR"
   LAB_USER=alice$LAB_ID
   LAB_PASSWORD=Pw-$(od -An -N12 -tx1 /dev/urandom | tr -d ' \n')
+  # Whatever runs in the lab finds the system bus at the initiator's own
+  # /run/dbus/system_bus_socket (or none), never the machine's.
+  unset DBUS_SYSTEM_BUS_ADDRESS
   # Subshells inherit these traps (a subshell killed with SIGTERM runs them):
   # only the main shell may clean up.
   LAB_MAIN_PID=$BASHPID
