@@ -53,6 +53,8 @@ constexpr Rule kRules[] = {
     {R"(received DELETE for IKE_SA)", "deleted by peer"},
     // Our own note when charon went away under the tunnel.
     {R"(^charon closed the control connection$)", "VPN service stopped"},
+    // Our own note when the tunnel was stopped because the machine sleeps.
+    {R"(^logind: system going to sleep$)", "system going to sleep"},
     // Any other error notify the server sent while setting up.
     {R"(received ([A-Z0-9_]+) notify error)", ""},
 };

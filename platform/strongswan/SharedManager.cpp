@@ -1,6 +1,7 @@
 // The process-wide entry points of the strongSwan backend: one manager on
 // the main run loop, with charon's default socket and the default
-// preferences file, notifying the status observers.
+// preferences file, notifying the status observers and watching for sleep
+// on the system bus.
 
 #include "platform/NEVPN.h"
 #include "platform/linux/IoContext.h"
@@ -16,6 +17,7 @@ strongswan::StrongSwanManager& shared() {
     static auto* manager = [] {
         strongswan::StrongSwanOptions options;
         options.statusChanged = [] { postStatusDidChange(); };
+        options.sleep.bus = strongswan::kSystemBus;
         return new strongswan::StrongSwanManager(mainIoContext(), std::move(options));
     }();
     return *manager;

@@ -21,7 +21,8 @@ StrongSwanConnection::StrongSwanConnection(StrongSwanManager& manager, asio::io_
       tracker_(kVPNProfileName, kChildName),
       log_(kVPNProfileName),
       trust_(context, options.trustBundles),
-      pollTimer_(context) {}
+      pollTimer_(context),
+      sleep_(context, options.sleep, [this] { stopForSleep(); }) {}
 
 StrongSwanConnection::~StrongSwanConnection() {
     *alive_ = false;
@@ -50,6 +51,7 @@ void StrongSwanConnection::changed(bool didChange) {
     }
     if (tracker_.status() == NEVPNStatusDisconnected) {
         tunnelEnded();
+        sleep_.end();
     }
 }
 
@@ -159,6 +161,9 @@ OptionalError StrongSwanConnection::startVPNTunnel(const NEVPNStartOptions& opti
         commands_->request("load-conn", conn, prerequisite("load-conn"));
     }
     changed(tracker_.startRequested());
+    if (protocol->disconnectOnSleep) {
+        sleep_.begin();
+    }
     return std::nullopt;
 }
 
@@ -390,6 +395,33 @@ std::string StrongSwanConnection::lastDisconnectError(
         }
     }
     return log_.lastReason(since);
+}
+
+void StrongSwanConnection::stopForSleep() {
+    if (!tracker_.active()) {
+        return;
+    }
+    log_.note(kSleepNote);
+    changed(tracker_.stopRequested());
+    // Unlike a stop on request, the server gets a bounded moment to
+    // acknowledge the DELETE (charon forces the end after it), so that it
+    // knows the tunnel is gone before the machine goes quiet. The ordinary
+    // stop follows for the rest.
+    ViciSyncClient vici(options_.socketPath);
+    std::string error;
+    if (vici.connect(error)) {
+        ViciSection terminate;
+        terminate.add("ike", kVPNProfileName)
+            .add("force", "yes")
+            .add("timeout", std::to_string(options_.sleep.acknowledgeWait.count()));
+        auto deadline =
+            ViciSyncClient::Clock::now() + options_.sleep.acknowledgeWait + options_.stopTimeout;
+        ViciReply reply = vici.request("terminate", terminate, deadline);
+        if (!reply.succeeded()) {
+            DDLogDebug("IKEv2 terminate before sleep: {}", reply.failure());
+        }
+    }
+    stopVPNTunnel();
 }
 
 }  // namespace platform::strongswan

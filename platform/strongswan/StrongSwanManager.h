@@ -13,6 +13,7 @@
 #include "platform/NEVPN.h"
 #include "platform/strongswan/DisconnectLog.h"
 #include "platform/strongswan/ProfileStore.h"
+#include "platform/strongswan/SleepWatch.h"
 #include "platform/strongswan/StatusTracker.h"
 #include "platform/strongswan/SystemTrust.h"
 #include "platform/strongswan/ViciClient.h"
@@ -54,6 +55,9 @@ struct StrongSwanOptions {
     std::chrono::milliseconds configTimeout{3000};
     // initiate blocks charon's worker while it resolves the server name.
     std::chrono::milliseconds initiateTimeout{30000};
+    // Stopping the tunnel before the machine sleeps (profiles that ask for
+    // it); no bus by default.
+    SleepOptions sleep;
 };
 
 class StrongSwanManager;
@@ -94,6 +98,7 @@ private:
     // The interval to the next regular check, by the tunnel's status.
     std::chrono::milliseconds regularPollInterval() const;
     void poll();
+    void stopForSleep();
 
     StrongSwanManager& manager_;
     asio::io_context& context_;
@@ -114,6 +119,7 @@ private:
     int pendingPrerequisites_ = 0;
     std::uint64_t generation_ = 0;
     std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
+    SleepWatch sleep_;
 };
 
 class StrongSwanManager final : public NEVPNManager {

@@ -178,10 +178,11 @@ lab_forget_pid() {
 # ---------------------------------------------------------------- probe
 
 # Prints why this host cannot run the lab and fails, or succeeds silently.
+# Arguments: further commands a suite needs.
 lab_probe() {
   local c
   if [ "$(id -u)" -ne 0 ]; then echo "needs root (network namespaces, charon)"; return 1; fi
-  for c in ip nsenter unshare nft pki swanctl python3 ping mount; do
+  for c in ip nsenter unshare nft pki swanctl python3 ping mount "$@"; do
     command -v "$c" >/dev/null 2>&1 || { echo "missing command: $c"; return 1; }
   done
   [ -x "$LAB_CHARON" ] || { echo "missing strongSwan charon at $LAB_CHARON"; return 1; }
@@ -214,9 +215,10 @@ lab_probe_overlay() {
 }
 
 # Skip (status 77) with a reason, except under CI=true where a skip fails.
+# Arguments: as lab_probe.
 lab_require() {
   local why
-  if ! why=$(lab_probe); then
+  if ! why=$(lab_probe "$@"); then
     if [ "${CI:-}" = true ]; then
       echo "FAIL: cannot run on this host under CI: $why"
       exit 1
@@ -238,6 +240,9 @@ lab_init() {
   chmod 700 "$LAB_DIR"
   LAB_USER=alice$LAB_ID
   LAB_PASSWORD=Pw-$(od -An -N12 -tx1 /dev/urandom | tr -d ' \n')
+  # Whatever runs in the lab finds the system bus at the initiator's own
+  # /run/dbus/system_bus_socket (or none), never the machine's.
+  unset DBUS_SYSTEM_BUS_ADDRESS
   # Subshells inherit these traps (a subshell killed with SIGTERM runs them):
   # only the main shell may clean up.
   LAB_MAIN_PID=$BASHPID
@@ -730,6 +735,37 @@ open(path, "w").write(text.replace(cert, "", 1))' "$LAB_SYSTEM_BUNDLE" "$1"
 lab_system_ca_remove() {
   lab_log "+ removing $1 from the initiator's $LAB_SYSTEM_BUNDLE"
   lab_system_ca_edit remove "$1"
+}
+
+# ---------------------------------------------------------------- system bus
+
+# A private system bus in the initiator's namespaces: a dbus-daemon on
+# /run/dbus/system_bus_socket of the initiator's private /run, which is
+# where every sd-bus client there (orvane-ikev2, a logind stand-in) looks
+# for the system bus. The machine's own bus is never touched. Any client
+# may own any name on it (tests/logind/system-bus.conf).
+lab_bus_socket() { echo "/proc/$LAB_INIT_PID/root/run/dbus/system_bus_socket"; }
+
+lab_bus_ready() {
+  lab_alive "$1" || return 125
+  test -S "$(lab_bus_socket)"
+}
+
+lab_start_init_bus() {
+  local conf=$LAB_DIR/init/system-bus.conf pid
+  sed 's|@LISTEN@|unix:path=/run/dbus/system_bus_socket|' "$LAB_SRC_DIR/../logind/system-bus.conf" >"$conf" || return 1
+  run in_init mkdir -p /run/dbus || return 1
+  printf '[%s] + nsenter -t %s -m -n dbus-daemon --nofork --nopidfile --config-file=%s &\n' \
+    "$(date -u +%H:%M:%S.%3N)" "$LAB_INIT_PID" "$conf"
+  nsenter -t "$LAB_INIT_PID" -m -n dbus-daemon --nofork --nopidfile --config-file="$conf" \
+    >>"$LAB_DIR/dbus-init.out" 2>&1 </dev/null &
+  pid=$!
+  LAB_PIDS+=("$pid")
+  if ! wait_until 5 lab_bus_ready "$pid"; then
+    lab_log "the initiator's system bus did not open its socket within 5 s"
+    return 1
+  fi
+  lab_log "system bus in the initiator's namespaces: pid $pid"
 }
 
 # ---------------------------------------------------------------- queries

@@ -4,6 +4,8 @@
 #include "platform/strongswan/ViciProfile.h"
 #include "tests/unit/strongswan/FakeCharon.h"
 #include "tests/unit/strongswan/LogCapture.h"
+#include "tests/unit/strongswan/PrivateLogind.h"
+#include "tests/unit/strongswan/RunIo.h"
 #include "tests/unit/strongswan/ToolProfile.h"
 
 #include <gtest/gtest.h>
@@ -132,12 +134,7 @@ protected:
     }
 
     bool runUntil(const std::function<bool()>& done, std::chrono::milliseconds limit = 3000ms) {
-        auto deadline = std::chrono::steady_clock::now() + limit;
-        while (!done() && std::chrono::steady_clock::now() < deadline) {
-            io.restart();
-            io.run_for(5ms);
-        }
-        return done();
+        return testio::runUntil(io, done, limit);
     }
 
     platform::OptionalError call(void (ss::StrongSwanManager::*method)(platform::CompletionHandler)) {
@@ -677,6 +674,104 @@ TEST_F(StrongSwanManagerTest, ServicesFallBackToIpsec0AndToNoneWithoutCharon) {
     EXPECT_EQ((*services)[0].interfaceName, "ipsec0");
     server.shutdown();
     EXPECT_FALSE(manager->networkServices().has_value());
+}
+
+TEST_F(StrongSwanManagerTest, WithoutASystemBusTheTunnelRunsAsUsual) {
+    make([](ss::StrongSwanOptions& o) { o.sleep.bus = "unix:path=/nonexistent/bus_socket"; });
+    saveToolProfile();
+    startAndConnect();
+    EXPECT_TRUE(logcapture::contains("no system bus, sleep is not watched"));
+    for (const auto& entry : logcapture::entries()) {
+        EXPECT_EQ(entry.flag, DDLogFlagDebug) << entry.message;
+    }
+}
+
+// The backend watching for sleep on a private bus with a logind stand-in.
+class StrongSwanSleepTest : public StrongSwanManagerTest {
+protected:
+    void SetUp() override {
+        StrongSwanManagerTest::SetUp();
+        testlogind::start(bus, standIn);
+    }
+
+    ss::StrongSwanManager& makeWatching() {
+        return make([this](ss::StrongSwanOptions& o) {
+            o.sleep.bus = bus->address();
+            o.sleep.acknowledgeWait = 200ms;
+        });
+    }
+
+    bool lockHeld() {
+        return runUntil([&] { return standIn->held() == 1; });
+    }
+    bool lockReleased() {
+        return runUntil([&] { return standIn->held() == 0 && standIn->released() == 1; });
+    }
+
+    std::unique_ptr<logind::PrivateBus> bus;
+    std::unique_ptr<logind::LogindStandIn> standIn;
+};
+
+TEST_F(StrongSwanSleepTest, SleepStopsTheTunnelWithTheSleepReasonAndThenReleasesTheLock) {
+    makeWatching();
+    saveToolProfile();
+    auto since = platform::SystemClock::now();
+    startAndConnect();
+    ASSERT_TRUE(lockHeld());
+    seen.clear();
+    standIn->prepareForSleep(true);
+    ASSERT_TRUE(runUntil([&] { return status() == platform::NEVPNStatusDisconnecting; }));
+    // The server first gets a bounded moment to acknowledge the DELETE,
+    // then the ordinary stop follows.
+    auto terminates = server.requests("terminate");
+    ASSERT_EQ(terminates.size(), 2u);
+    EXPECT_EQ(terminates[0].message.get("ike"), kConn);
+    EXPECT_EQ(terminates[0].message.get("force"), "yes");
+    EXPECT_EQ(terminates[0].message.get("timeout"), "200");
+    EXPECT_EQ(terminates[1].message.get("timeout"), "-1");
+    EXPECT_EQ(standIn->held(), 1);
+    server.emit("ike-updown", updown(kConn, false, "DELETING"));
+    ASSERT_TRUE(runUntil([&] { return status() == platform::NEVPNStatusDisconnected; }));
+    EXPECT_TRUE(lockReleased());
+    EXPECT_EQ(seen, (std::vector<NEVPNStatus>{platform::NEVPNStatusDisconnecting,
+                                              platform::NEVPNStatusDisconnected}));
+    EXPECT_EQ(manager->lastDisconnectError(since), "system going to sleep");
+}
+
+TEST_F(StrongSwanSleepTest, SleepWhileConnectingEndsTheStartWithTheSleepReason) {
+    makeWatching();
+    saveToolProfile();
+    auto since = platform::SystemClock::now();
+    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", kPassword}).has_value());
+    ASSERT_TRUE(lockHeld());
+    standIn->prepareForSleep(true);
+    ASSERT_TRUE(runUntil([&] { return status() == platform::NEVPNStatusDisconnected; }));
+    EXPECT_TRUE(lockReleased());
+    EXPECT_EQ(manager->lastDisconnectError(since), "system going to sleep");
+}
+
+TEST_F(StrongSwanSleepTest, TheLockIsReleasedWhenTheTunnelEndsForAnotherReason) {
+    makeWatching();
+    saveToolProfile();
+    auto since = platform::SystemClock::now();
+    startAndConnect();
+    ASSERT_TRUE(lockHeld());
+    server.emit("ike-updown", updown(kConn, false, "DELETING"));
+    server.emit("log", logLine("received DELETE for IKE_SA Orvane IKEv2[1]"));
+    ASSERT_TRUE(runUntil([&] { return status() == platform::NEVPNStatusDisconnected; }));
+    EXPECT_TRUE(lockReleased());
+    EXPECT_EQ(manager->lastDisconnectError(since), "deleted by peer");
+}
+
+TEST_F(StrongSwanSleepTest, AProfileThatStaysUpInSleepTakesNoLock) {
+    makeWatching();
+    auto profile = toolProfile();
+    profile.disconnectOnSleep = false;
+    manager->setProtocolConfiguration(profile);
+    ASSERT_FALSE(call(&ss::StrongSwanManager::saveToPreferences).has_value());
+    startAndConnect();
+    runUntil([] { return false; }, 200ms);
+    EXPECT_TRUE(standIn->inhibitors().empty());
 }
 
 }  // namespace
