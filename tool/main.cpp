@@ -6,6 +6,8 @@
 #include <chrono>
 
 int main(int argc, char** argv) {
+    make_standard_descriptors_valid();
+    watch_controller();
     DDLog::addTTYLogger();
 
     const cli::GBSettingsRef settings = parse_args(argc, argv);

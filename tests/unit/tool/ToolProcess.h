@@ -24,6 +24,15 @@
 
 namespace testing_support {
 
+// How the tool's standard descriptors are set up: by default standard output
+// and error go to files of the tool's folder.
+struct ToolStdio {
+    // The tool starts with these of its descriptors 0-2 closed.
+    std::vector<int> closed;
+    // When set, standard error is this descriptor (a pipe, ...).
+    int stderrFd = -1;
+};
+
 class ToolProcess {
   public:
     using Clock = std::chrono::steady_clock;
@@ -50,7 +59,9 @@ class ToolProcess {
         std::ofstream(path(name), std::ios::binary | std::ios::trunc) << text;
     }
 
-    void start(const std::vector<std::string>& arguments) {
+    using Stdio = ToolStdio;
+
+    void start(const std::vector<std::string>& arguments, const Stdio& stdio = ToolStdio()) {
         std::vector<std::string> argvText{ORVANE_TOOL_TEST_BINARY};
         argvText.insert(argvText.end(), arguments.begin(), arguments.end());
         const std::string scriptPath = path("script");
@@ -68,13 +79,16 @@ class ToolProcess {
             const int out = ::open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
             const int err = ::open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
             ::dup2(out, STDOUT_FILENO);
-            ::dup2(err, STDERR_FILENO);
+            ::dup2(stdio.stderrFd >= 0 ? stdio.stderrFd : err, STDERR_FILENO);
+            for (int fd : stdio.closed) {
+                ::close(fd);
+            }
             // The test runner may block or ignore signals; the tool starts
             // with the defaults a shell would give it.
             sigset_t none;
             sigemptyset(&none);
             ::sigprocmask(SIG_SETMASK, &none, nullptr);
-            for (int signo : {SIGINT, SIGTERM, SIGUSR1}) {
+            for (int signo : {SIGINT, SIGTERM, SIGUSR1, SIGHUP, SIGPIPE}) {
                 ::signal(signo, SIG_DFL);
             }
             std::vector<char*> argv;
