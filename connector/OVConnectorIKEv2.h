@@ -9,6 +9,7 @@
 
 #include "platform/NEVPN.h"
 
+#include <cstddef>
 #include <map>
 #include <memory>
 #include <optional>
@@ -23,9 +24,12 @@ inline constexpr const char* kDefaultRemoteID = "vpn.orvane.net";
 // name the interface lookup looks for.
 inline constexpr const char* kVPNProfileName = "Orvane IKEv2";
 
+// Configuration files larger than this are refused (1 MiB).
+inline constexpr std::size_t kMaxConfigFileSize = 1024 * 1024;
+
 // Reads a key=value configuration file. Nil when the file cannot be opened
-// (after an error line); lines that do not match, or whose key or value is
-// not valid UTF-8, are skipped.
+// or is larger than kMaxConfigFileSize (after an error line); lines that do
+// not match, or whose key or value is not valid UTF-8, are skipped.
 std::optional<std::map<std::string, std::string>> ParseConfig(const std::string& path);
 
 // The log text of a status ("IKEv2 Connected", ...).
