@@ -1,5 +1,7 @@
 #include "platform/strongswan/StatusTracker.h"
 
+#include <algorithm>
+
 namespace platform::strongswan {
 
 StatusTracker::StatusTracker(std::string connection, std::string child)
@@ -69,6 +71,19 @@ const ViciSection* StatusTracker::ourChild(const ViciSection& sa) const {
     return nullptr;
 }
 
+// A down event of the IKE_SA that carries the tunnel while charon
+// re-authenticates it (the server's AUTH_LIFETIME, or its own reauth_time):
+// a new IKE_SA of the connection takes the tunnel over.
+bool StatusTracker::reauthenticating(const ViciSection& sa) const {
+    const std::vector<std::string>* tasks = sa.list("tasks-active");
+    if (tasks == nullptr || status_ != NEVPNStatusConnected) {
+        return false;
+    }
+    return std::any_of(tasks->begin(), tasks->end(), [](const std::string& task) {
+        return task == "IKE_REAUTH" || task == "IKE_REAUTH_COMPLETE";
+    });
+}
+
 // An event about an IKE_SA of our connection other than the one carrying
 // the tunnel (for instance the old SA of a rekeying).
 bool StatusTracker::tracksOther(const ViciSection& sa) const {
@@ -95,6 +110,10 @@ bool StatusTracker::onEvent(const std::string& name, const ViciSection& event) {
         if (tracksOther(*sa) || sa->get("state") == "REKEYED") {
             return false;
         }
+        if (reauthenticating(*sa)) {
+            ikeId_.clear();  // the next IKE_SA that comes up carries it
+            return false;
+        }
         return end();
     }
     if (name == "child-updown") {
@@ -113,6 +132,10 @@ bool StatusTracker::onEvent(const std::string& name, const ViciSection& event) {
             return false;
         }
         if (child->get("state") == "REKEYED") {
+            return false;
+        }
+        if (reauthenticating(*sa)) {
+            ikeId_.clear();
             return false;
         }
         return end();
