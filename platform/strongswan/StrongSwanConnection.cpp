@@ -140,8 +140,9 @@ OptionalError StrongSwanConnection::startVPNTunnel(const NEVPNStartOptions& opti
         ++pendingPrerequisites_;
         return [this, alive, generation, what](ViciReply reply) {
             if (alive.lock()) {
+                // "no matching SAs" is the usual answer to the terminate.
                 bool ok = reply.ok() && (reply.message.value("success") == nullptr ||
-                                         reply.succeeded());
+                                         reply.succeeded() || what == std::string("terminate"));
                 prerequisiteDone(generation, ok, what, reply);
             }
         };
@@ -153,6 +154,11 @@ OptionalError StrongSwanConnection::startVPNTunnel(const NEVPNStartOptions& opti
             events_->registerEvent(event, prerequisite(event), options_.configTimeout);
         }
     }
+    // An IKE_SA a killed or stuck earlier run left would make charon refuse
+    // the new tunnel as a duplicate; its secret the load-shared replaces.
+    // This goes along with the registrations on the other connection.
+    commands_->request("terminate", buildTerminate(), prerequisite("terminate"),
+                       options_.configTimeout);
     ViciSection secret;
     buildLoadShared(options.username, options.password, secret);
     commands_->request("load-shared", secret, prerequisite("load-shared"), options_.configTimeout);

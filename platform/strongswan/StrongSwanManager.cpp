@@ -63,14 +63,6 @@ void StrongSwanManager::loadFromPreferences(CompletionHandler handler) {
     complete(std::move(handler), std::nullopt);
 }
 
-void StrongSwanManager::removeLeftovers(ViciSyncClient& vici) {
-    ViciReply reply = vici.request("terminate", buildTerminate(), after(options_.configTimeout));
-    if (reply.succeeded()) {
-        DDLogDebug("IKEv2 ended an IKE_SA left by an earlier run");
-    }
-    vici.request("unload-shared", buildUnloadShared(), after(options_.configTimeout));
-}
-
 // All or nothing: the file is written only once charon has taken the
 // connection (or cannot be reached), and a file that cannot be written
 // takes the connection back out of charon.
@@ -93,7 +85,6 @@ void StrongSwanManager::saveToPreferences(CompletionHandler handler) {
     connectionLoaded_ = false;
     ViciSyncClient vici(options_.socketPath);
     if (vici.connect(why)) {
-        removeLeftovers(vici);
         ViciReply reply = vici.request("load-conn", conn, after(options_.configTimeout));
         if (reply.status == ViciReply::Status::Failed) {
             // The file is the saved profile; the start loads it into charon.

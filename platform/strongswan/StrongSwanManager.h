@@ -14,8 +14,8 @@
 // loaded while the process runs (a server may demand re-authentication at
 // any time) and is unloaded when it ends (finish()), as is an IKE_SA that
 // is still there. One process at a time writes the profile and runs its
-// tunnel (ProfileLock); it first removes what a killed or stuck earlier
-// run left in charon.
+// tunnel (ProfileLock); its start first ends what a killed or stuck
+// earlier run left in charon.
 
 #include "platform/NEVPN.h"
 #include "platform/strongswan/DisconnectLog.h"
@@ -161,9 +161,6 @@ public:
 private:
     friend class StrongSwanConnection;
     void complete(CompletionHandler handler, OptionalError error);
-    // Ends the IKE_SAs and unloads the secret a previous run of the tool
-    // left in charon (killed, or stopped while charon did not answer).
-    void removeLeftovers(ViciSyncClient& vici);
 
     asio::io_context& context_;
     StrongSwanOptions options_;

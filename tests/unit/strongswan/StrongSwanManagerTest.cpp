@@ -689,20 +689,33 @@ TEST_F(StrongSwanManagerTest, ServicesFallBackToIpsec0AndToNoneWithoutCharon) {
     EXPECT_FALSE(manager->networkServices().has_value());
 }
 
-TEST_F(StrongSwanManagerTest, SaveFirstRemovesWhatAnEarlierRunLeftInCharon) {
+TEST_F(StrongSwanManagerTest, StartFirstEndsTheIkeSaAnEarlierRunLeftInCharon) {
     make();
     saveToolProfile();
+    EXPECT_TRUE(server.requests("terminate").empty()) << "the save leaves charon's SAs alone";
+    {
+        std::lock_guard lock(state.mutex);
+        state.saPresent = true;  // left by a killed run
+    }
+    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", kPassword}).has_value());
+    ASSERT_TRUE(runUntil([&] { return !server.requests("initiate").empty(); }));
     auto got = server.received();
     std::size_t terminate = indexOf(got, ViciPacketType::CmdRequest, "terminate");
-    std::size_t unload = indexOf(got, ViciPacketType::CmdRequest, "unload-shared");
-    std::size_t load = indexOf(got, ViciPacketType::CmdRequest, "load-conn");
     ASSERT_LT(terminate, got.size());
     EXPECT_EQ(got[terminate].packet.message.get("ike"), kConn);
     EXPECT_EQ(got[terminate].packet.message.get("force"), "yes");
-    ASSERT_LT(unload, got.size());
-    EXPECT_EQ(got[unload].packet.message.get("id"), "orvane-ikev2-eap");
-    EXPECT_LT(terminate, load);
-    EXPECT_LT(unload, load);
+    EXPECT_LT(terminate, indexOf(got, ViciPacketType::CmdRequest, "initiate"));
+    EXPECT_EQ(got[terminate].connection,
+              got[indexOf(got, ViciPacketType::CmdRequest, "load-shared")].connection);
+}
+
+TEST_F(StrongSwanManagerTest, StartGoesOnWhenNothingWasLeftToEnd) {
+    server.on("terminate", [](Link& link, const ViciSection&) {
+        link.respond(success(false, "no matching SAs to terminate found"));
+    });
+    make();
+    saveToolProfile();
+    startAndConnect();
 }
 
 TEST_F(StrongSwanManagerTest, SecondInstanceCannotSaveAndLeavesTheFirstAlone) {
