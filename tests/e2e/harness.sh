@@ -212,6 +212,17 @@ prefs_file() { echo "$(prefs_dir)/preferences.plist"; }
 init_no_shared() { [ -z "$(lab_vici_init get-shared)" ]; }
 init_no_sa() { [ "$(lab_vici_init count-sas)" = 0 ]; }
 
+# After the tool ended: no IKE_SA at the responder or the initiator, no
+# secret in the initiator.
+tunnel_cleared() {
+  wait_until 5 lab_resp_no_sa || { fail "the responder still holds an IKE_SA"; lab_vici_resp list-sas; return 1; }
+  echo "ok: no IKE_SA at the responder"
+  wait_until 3 init_no_sa || { fail "the initiator still holds an IKE_SA"; lab_vici_init list-sas; return 1; }
+  echo "ok: no IKE_SA at the initiator"
+  wait_until 3 init_no_shared || { fail "the initiator's charon still holds secret(s): $(lab_vici_init get-shared | tr '\n' ' ')"; return 1; }
+  echo "ok: no shared secret left in the initiator's charon"
+}
+
 # Back to a clean lab between cases: no tool, no SA on either side, no
 # connection or secret left in the initiator's charon, no saved profile.
 t_reset() {
