@@ -78,10 +78,20 @@ void wipe(std::string& text) {
     text.clear();
 }
 
-// Reads at most `limit` bytes into `bytes` (reserved up front, so that no
-// reallocation leaves a copy behind); false when the file holds more.
+// Appends to `bytes`, wiping the old buffer when it has to grow.
+void appendWiping(std::string& bytes, const char* data, std::size_t size) {
+    if (bytes.size() + size > bytes.capacity()) {
+        std::string larger;
+        larger.reserve(std::max(2 * bytes.capacity(), bytes.size() + size));
+        larger.append(bytes);
+        wipe(bytes);
+        bytes.swap(larger);
+    }
+    bytes.append(data, size);
+}
+
+// Reads at most `limit` bytes into `bytes`; false when the file holds more.
 bool readBounded(int fd, std::string& bytes, std::size_t limit) {
-    bytes.reserve(limit + 8192);
     char chunk[8192];
     bool tooLarge = false;
     for (;;) {
@@ -93,7 +103,7 @@ bool readBounded(int fd, std::string& bytes, std::size_t limit) {
         if (n <= 0) {
             break;
         }
-        bytes.append(chunk, static_cast<std::size_t>(n));
+        appendWiping(bytes, chunk, static_cast<std::size_t>(n));
         if (bytes.size() > limit) {
             tooLarge = true;
             break;
