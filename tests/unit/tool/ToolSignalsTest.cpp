@@ -155,3 +155,17 @@ TEST(ToolSignalsTest, SignalWhileConnectingStopsTheTunnelOnceAndEndsWithStatusZe
     EXPECT_EQ(tool.recordCount("stop"), 1);
     EXPECT_EQ(tool.messages(), Lines{"IKEv2 Connecting"});
 }
+
+TEST(ToolSignalsTest, SignalWhileTheConfigurationFileBlocksItsOpenStillEndsTheRun) {
+    // A FIFO nobody writes to blocks the open; the signal must end it.
+    ToolProcess tool("on-start 10 2\n");
+    ASSERT_EQ(::mkfifo(tool.path("client.conf").c_str(), 0600), 0);
+    tool.start({"--config", "client.conf"});
+    std::this_thread::sleep_for(300ms);
+    tool.signal(SIGTERM);
+    EXPECT_EQ(tool.wait(3000ms), 0);
+    EXPECT_EQ(tool.recordCount("stop"), 0);
+    for (const std::string& entry : tool.record()) {
+        EXPECT_NE(entry.rfind("start", 0), 0u) << entry;
+    }
+}
