@@ -145,9 +145,13 @@ case_help() {
   expect_eq "$TOOL_RC" 1 "unknown option status" || return 1
 }
 
-case_corrupt_profile_is_cleared_by_remove_and_kept_aside() {
+write_corrupt_profile() {
   mkdir -p "$(prefs_dir)"
   printf 'not a property list' >"$(prefs_file)"
+}
+
+case_corrupt_profile_is_cleared_by_remove_and_kept_aside() {
+  write_corrupt_profile
   tool_run 10 --check -c "$CFG"
   expect_eq "$TOOL_RC" 0 "--check status: the file stands for the profile" || return 1
   tool_run 10 --remove
@@ -159,8 +163,7 @@ case_corrupt_profile_is_cleared_by_remove_and_kept_aside() {
 }
 
 case_corrupt_profile_is_replaced_by_create() {
-  mkdir -p "$(prefs_dir)"
-  printf 'not a property list' >"$(prefs_file)"
+  write_corrupt_profile
   tool_run 10 --create -c "$CFG"
   expect_eq "$TOOL_RC" 0 "--create status over a corrupt profile" || return 1
   plist_strings "$(prefs_file)" | grep -q -x -F "$LAB_LINK_RESP" || { fail "no new profile saved"; return 1; }

@@ -13,6 +13,7 @@
 #include <csignal>
 #include <string>
 #include <thread>
+#include <vector>
 
 using testing_support::ToolProcess;
 using namespace std::chrono_literals;
@@ -82,6 +83,19 @@ bool contains(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;
 }
 
+// Starts a connecting tool with `pipe` as its standard error.
+void startOn(ToolProcess& tool, StderrPipe& pipe, bool verbose) {
+    tool.writeFile("client.conf", kConfig);
+    ToolProcess::Stdio stdio;
+    stdio.stderrFd = pipe.writeEnd();
+    std::vector<std::string> arguments{"--config", "client.conf"};
+    if (verbose) {
+        arguments.push_back("--verbose");
+    }
+    tool.start(arguments, stdio);
+    pipe.closeWriter();
+}
+
 }  // namespace
 
 TEST(ToolControllerTest, ClosedStandardDescriptorsAtStartDoNotStopTheTool) {
@@ -101,12 +115,8 @@ TEST(ToolControllerTest, ClosedStandardDescriptorsAtStartDoNotStopTheTool) {
 
 TEST(ToolControllerTest, ReaderOfStandardErrorGoingAwayStopsTheTunnelAsSigtermDoes) {
     ToolProcess tool(kConnects);
-    tool.writeFile("client.conf", kConfig);
     StderrPipe pipe;
-    ToolProcess::Stdio stdio;
-    stdio.stderrFd = pipe.writeEnd();
-    tool.start({"--config", "client.conf"}, stdio);
-    pipe.closeWriter();
+    startOn(tool, pipe, false);
     ASSERT_TRUE(tool.waitForRecord("status 3"));
     EXPECT_TRUE(contains(pipe.readFor(100ms), "IKEv2 Connected"));
     pipe.closeReader();
@@ -118,13 +128,9 @@ TEST(ToolControllerTest, ReaderOfStandardErrorGoingAwayStopsTheTunnelAsSigtermDo
 
 TEST(ToolControllerTest, ReaderGoneAtTheFirstLogLineStillStopsTheTunnel) {
     ToolProcess tool(kConnects);
-    tool.writeFile("client.conf", kConfig);
     StderrPipe pipe;
     pipe.closeReader();
-    ToolProcess::Stdio stdio;
-    stdio.stderrFd = pipe.writeEnd();
-    tool.start({"--config", "client.conf", "--verbose"}, stdio);
-    pipe.closeWriter();
+    startOn(tool, pipe, true);
     EXPECT_EQ(tool.wait(5000ms), 0);
     EXPECT_EQ(tool.termSignal(), 0);
     int starts = 0;
@@ -136,12 +142,8 @@ TEST(ToolControllerTest, ReaderGoneAtTheFirstLogLineStillStopsTheTunnel) {
 
 TEST(ToolControllerTest, ControllerThatStopsReadingDoesNotHoldUpTheStop) {
     ToolProcess tool(kConnects);
-    tool.writeFile("client.conf", kConfig);
     StderrPipe pipe(/*full=*/true);
-    ToolProcess::Stdio stdio;
-    stdio.stderrFd = pipe.writeEnd();
-    tool.start({"--config", "client.conf", "--verbose"}, stdio);
-    pipe.closeWriter();
+    startOn(tool, pipe, true);
     ASSERT_TRUE(tool.waitForRecord("status 3"));
     tool.signal(SIGTERM);
     EXPECT_EQ(tool.wait(5000ms), 0);
@@ -150,12 +152,8 @@ TEST(ToolControllerTest, ControllerThatStopsReadingDoesNotHoldUpTheStop) {
 
 TEST(ToolControllerTest, SlowReaderGetsEveryLineInOrder) {
     ToolProcess tool(kConnects);
-    tool.writeFile("client.conf", kConfig);
     StderrPipe pipe(/*full=*/true);
-    ToolProcess::Stdio stdio;
-    stdio.stderrFd = pipe.writeEnd();
-    tool.start({"--config", "client.conf"}, stdio);
-    pipe.closeWriter();
+    startOn(tool, pipe, false);
     ASSERT_TRUE(tool.waitForRecord("status 3"));
     std::this_thread::sleep_for(100ms);
     std::string text = pipe.readFor(300ms);
