@@ -95,10 +95,6 @@ void flushLog() {
     terminal().flush(kFlushLimit);
 }
 
-void setOutputBlockedHandler(std::function<void(int fd)> waitWritable) {
-    terminal().setBlockedHandler(std::move(waitWritable));
-}
-
 bool writePending() {
     return terminal().writePending();
 }

@@ -4,9 +4,9 @@
 // macros that test the flag against the mask before the message is
 // formatted. Messages go to the terminal sink (standard error, one line per
 // message). Every message is written before the call returns, unless the
-// reader of standard error has stopped reading (see setOutputBlockedHandler);
-// what waits then is written before the process ends through `exit` or a
-// return from `main`, for as long as flushLog() waits.
+// reader of standard error has stopped reading (see writePending); what
+// waits then is written before the process ends through `exit` or a return
+// from `main`, for as long as flushLog() waits.
 //
 //     DDLogInfo("IKEv2 Interface {}", name);
 
@@ -52,10 +52,8 @@ void flushLog();
 
 // A controller that reads standard error slowly, or not at all, never holds
 // the caller of a log call up: lines it cannot take at once wait in memory
-// (in order, bounded), and `waitWritable` is called with the descriptor to
-// wait on; call writePending() once it is writable. Everything waiting is
-// written at the latest by flushLog() (which runs at exit).
-void setOutputBlockedHandler(std::function<void(int fd)> waitWritable);
+// (in order, bounded) until a later log call, writePending() or flushLog()
+// (which runs at exit) finds standard error writable again.
 // Writes what waits; true when nothing is left.
 bool writePending();
 // Called once when a write finds that standard error's reader is gone

@@ -45,16 +45,12 @@ TerminalWriter::Progress TerminalWriter::drain() {
     return gone_ ? Progress::Gone : Progress::Done;
 }
 
-std::function<void()> TerminalWriter::handlersFor(Progress progress) {
-    if (progress == Progress::Blocked && !waiting_ && blocked_) {
-        waiting_ = true;
-        return [handler = blocked_, fd = fd_] { handler(fd); };
+std::function<void()> TerminalWriter::goneHandlerFor(Progress progress) {
+    if (progress != Progress::Gone || goneReported_ || !readerGoneHandler_) {
+        return {};
     }
-    if (progress == Progress::Gone && !goneReported_ && readerGoneHandler_) {
-        goneReported_ = true;
-        return readerGoneHandler_;
-    }
-    return {};
+    goneReported_ = true;
+    return readerGoneHandler_;
 }
 
 void TerminalWriter::write(std::string_view line) {
@@ -67,7 +63,7 @@ void TerminalWriter::write(std::string_view line) {
             return;
         }
         pending_.append(line);
-        then = handlersFor(drain());
+        then = goneHandlerFor(drain());
     }
     if (then) {
         then();
@@ -80,8 +76,7 @@ bool TerminalWriter::writePending() {
     bool empty = false;
     {
         std::lock_guard lock(mutex_);
-        waiting_ = false;
-        then = handlersFor(drain());
+        then = goneHandlerFor(drain());
         empty = pending_.empty();
     }
     if (then) {
@@ -105,18 +100,13 @@ void TerminalWriter::flush(std::chrono::milliseconds limit) {
     }
 }
 
-void TerminalWriter::setBlockedHandler(std::function<void(int fd)> handler) {
-    std::lock_guard lock(mutex_);
-    blocked_ = std::move(handler);
-}
-
 void TerminalWriter::setReaderGoneHandler(std::function<void()> handler) {
     std::function<void()> then;
     {
         std::lock_guard lock(mutex_);
         readerGoneHandler_ = std::move(handler);
         if (gone_) {
-            then = handlersFor(Progress::Gone);
+            then = goneHandlerFor(Progress::Gone);
         }
     }
     if (then) {

@@ -4,10 +4,10 @@
 //
 // The process that reads standard error (the controller) may be slow, may
 // stop reading, or may be gone. A line the terminal cannot take at once
-// waits in memory, in order and up to a bound, and the owner is told which
-// descriptor to wait on; once it is writable, writePending() goes on. A
-// write that finds the reader gone (EPIPE) drops what waits and reports it
-// once. Lines of up to PIPE_BUF bytes go out in one write(2) each.
+// waits in memory, in order and up to a bound, until a later write or
+// writePending() finds the terminal writable again. A write that finds the
+// reader gone (EPIPE) drops what waits and reports it once. Lines of up to
+// PIPE_BUF bytes go out in one write(2) each.
 
 #include <chrono>
 #include <cstddef>
@@ -31,9 +31,6 @@ class TerminalWriter {
     // passed.
     void flush(std::chrono::milliseconds limit);
 
-    // Called when lines start to wait, with the descriptor to watch for
-    // writability; once per wait (writePending() ends it).
-    void setBlockedHandler(std::function<void(int fd)> handler);
     // Called once when the reader is found gone; at once if it already is.
     void setReaderGoneHandler(std::function<void()> handler);
     bool readerGone() const;
@@ -42,16 +39,14 @@ class TerminalWriter {
     enum class Progress { Done, Blocked, Gone };
     // Writes from the front of what waits; called with the lock held.
     Progress drain();
-    // Takes the handlers a drain's outcome calls for, so that they run
-    // after the lock is released.
-    std::function<void()> handlersFor(Progress progress);
+    // The reader-gone handler, once, when a drain found the reader gone; it
+    // runs after the lock is released.
+    std::function<void()> goneHandlerFor(Progress progress);
 
     const int fd_;
     mutable std::mutex mutex_;
     std::string pending_;
-    bool waiting_ = false;
     bool gone_ = false;
     bool goneReported_ = false;
-    std::function<void(int)> blocked_;
     std::function<void()> readerGoneHandler_;
 };

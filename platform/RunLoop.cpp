@@ -97,28 +97,6 @@ void RunLoop::post(std::function<void()> block) {
     asio::post(context_, std::move(block));
 }
 
-bool RunLoop::waitForDescriptor(int fd, Readiness readiness, std::function<void()> ready) {
-    const int copy = ::fcntl(fd, F_DUPFD_CLOEXEC, 3);
-    if (copy < 0) {
-        return false;
-    }
-    auto descriptor = std::make_shared<asio::posix::stream_descriptor>(context_);
-    asio::error_code error;
-    descriptor->assign(copy, error);
-    if (error) {
-        ::close(copy);
-        return false;
-    }
-    const auto what = readiness == Readiness::Readable ? asio::posix::stream_descriptor::wait_read
-                                                       : asio::posix::stream_descriptor::wait_write;
-    descriptor->async_wait(what, [descriptor, ready = std::move(ready)](const asio::error_code&) {
-        asio::error_code ignored;
-        descriptor->close(ignored);
-        ready();
-    });
-    return true;
-}
-
 void RunLoop::watchSignals(std::function<void(int signo)> handler) {
     SignalWatch& watch = signalWatch();
     watch.handler = std::move(handler);

@@ -34,12 +34,6 @@ public:
     // Queues `block` to run on the loop as soon as possible.
     void post(std::function<void()> block);
 
-    // Calls `ready` once on the loop when `fd` is readable (or writable),
-    // or reports an error or hang-up. The descriptor is not taken over.
-    // False when it cannot be waited on.
-    enum class Readiness { Readable, Writable };
-    bool waitForDescriptor(int fd, Readiness readiness, std::function<void()> ready);
-
     // Signal wake-up. After `watchSignals(handler)`, a call of
     // `wakeForSignal(signo)` from a signal handler (async-signal-safe: one
     // write to a pipe) makes the loop call `handler(signo)` on its own

@@ -19,22 +19,8 @@ using platform::RunLoop;
 
 namespace {
 
-bool readerGone(int fd) {
-    pollfd state{fd, POLLOUT, 0};
-    return ::poll(&state, 1, 0) == 1 && (state.revents & (POLLERR | POLLHUP)) != 0;
-}
-
-// A pipe's write end or a socket reports its reader's end as an error or
-// hang-up; waiting for it costs nothing until then.
-void watchReaderEnd() {
-    RunLoop::main().waitForDescriptor(STDERR_FILENO, RunLoop::Readiness::Readable, [] {
-        if (readerGone(STDERR_FILENO)) {
-            RunLoop::wakeForSignal(SIGPIPE);
-        } else {
-            watchReaderEnd();
-        }
-    });
-}
+// Standard error is a pipe or a socket, whose reader can go away.
+bool readerCanGo = false;
 
 }  // namespace
 
@@ -50,12 +36,20 @@ void make_standard_descriptors_valid() {
 void watch_controller() {
     std::signal(SIGPIPE, SIG_IGN);
     DDLog::setReaderGoneHandler([] { RunLoop::wakeForSignal(SIGPIPE); });
-    DDLog::setOutputBlockedHandler([](int fd) {
-        RunLoop::main().waitForDescriptor(fd, RunLoop::Readiness::Writable,
-                                          [] { DDLog::writePending(); });
-    });
     struct stat info {};
-    if (::fstat(STDERR_FILENO, &info) == 0 && (S_ISFIFO(info.st_mode) || S_ISSOCK(info.st_mode))) {
-        watchReaderEnd();
+    readerCanGo =
+        ::fstat(STDERR_FILENO, &info) == 0 && (S_ISFIFO(info.st_mode) || S_ISSOCK(info.st_mode));
+}
+
+void tend_controller() {
+    DDLog::writePending();
+    if (!readerCanGo) {
+        return;
+    }
+    // A pipe whose reader is gone, or a socket whose peer closed, reports
+    // an error or a hang-up to a writer.
+    pollfd state{STDERR_FILENO, POLLOUT, 0};
+    if (::poll(&state, 1, 0) == 1 && (state.revents & (POLLERR | POLLHUP)) != 0) {
+        RunLoop::wakeForSignal(SIGPIPE);
     }
 }

@@ -49,9 +49,12 @@ void run_remove_mode();
 // anything is opened.
 void make_standard_descriptors_valid();
 // Ignores SIGPIPE and stops the tool as SIGTERM does when the reader of
-// standard error goes away (a log write fails with EPIPE, or its end of a
-// pipe or socket is closed); lines it does not read wait in memory.
+// standard error goes away (a log write fails with EPIPE, or tend_controller
+// finds its end of the pipe or socket closed).
 void watch_controller();
+// Between two slices of the run loop: writes the lines a slow reader of
+// standard error could not take yet, and notices a reader that went away.
+void tend_controller();
 
 // Installs sig_handler for SIGUSR1, SIGINT, SIGTERM and SIGHUP.
 void register_signal_handlers();

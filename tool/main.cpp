@@ -31,6 +31,7 @@ int main(int argc, char** argv) {
     loop.deliverPendingSignals();
     while (!terminated) {
         loop.runUntil(platform::RunLoop::Clock::now() + std::chrono::milliseconds(500));
+        tend_controller();
     }
     return 0;
 }

@@ -91,6 +91,15 @@ bool StatusTracker::tracksOther(const ViciSection& sa) const {
     return !ikeId_.empty() && id != nullptr && *id != ikeId_;
 }
 
+// A down event, while the tunnel is still being set up, of an IKE_SA that
+// had been up: one an earlier run left, which the start ends. The new one
+// has not been up yet, or its up event would have named it.
+bool StatusTracker::leftByAnEarlierRun(const ViciSection& sa) const {
+    const std::string state = sa.get("state");
+    return status_ == NEVPNStatusConnecting && ikeId_.empty() && state != "CONNECTING" &&
+           state != "CREATED";
+}
+
 bool StatusTracker::onEvent(const std::string& name, const ViciSection& event) {
     const ViciSection* sa = ours(event);
     if (sa == nullptr || !active()) {
@@ -107,7 +116,7 @@ bool StatusTracker::onEvent(const std::string& name, const ViciSection& event) {
             }
             return false;
         }
-        if (tracksOther(*sa) || sa->get("state") == "REKEYED") {
+        if (tracksOther(*sa) || leftByAnEarlierRun(*sa) || sa->get("state") == "REKEYED") {
             return false;
         }
         if (reauthenticating(*sa)) {
@@ -131,7 +140,7 @@ bool StatusTracker::onEvent(const std::string& name, const ViciSection& event) {
             }
             return false;
         }
-        if (child->get("state") == "REKEYED") {
+        if (child->get("state") == "REKEYED" || leftByAnEarlierRun(*sa)) {
             return false;
         }
         if (reauthenticating(*sa)) {

@@ -39,6 +39,7 @@ private:
     const ViciSection* ourChild(const ViciSection& sa) const;
     bool tracksOther(const ViciSection& sa) const;
     bool reauthenticating(const ViciSection& sa) const;
+    bool leftByAnEarlierRun(const ViciSection& sa) const;
 
     std::string connection_;
     std::string child_;

@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -164,33 +162,4 @@ TEST(RunLoopTest, WakeForSignalKeepsErrno) {
     RunLoop::wakeForSignal(SIGUSR1);
     EXPECT_EQ(errno, ERANGE);
     RunLoop::main().deliverPendingSignals();
-}
-
-TEST(RunLoopTest, WaitForDescriptorCallsOnceWhenItBecomesReadable) {
-    auto& loop = RunLoop::main();
-    int fds[2];
-    ASSERT_EQ(::pipe(fds), 0);
-    int calls = 0;
-    ASSERT_TRUE(loop.waitForDescriptor(fds[0], RunLoop::Readiness::Readable, [&] { ++calls; }));
-    loop.runUntil(RunLoop::Clock::now() + 30ms);
-    EXPECT_EQ(calls, 0);
-    loop.dispatchAfter(10ms, [&] { ASSERT_EQ(::write(fds[1], "x", 1), 1); });
-    loop.runUntil(RunLoop::Clock::now() + 200ms);
-    EXPECT_EQ(calls, 1);
-    ::close(fds[0]);
-    ::close(fds[1]);
-}
-
-TEST(RunLoopTest, WaitForDescriptorReportsTheReaderOfAPipeGoing) {
-    auto& loop = RunLoop::main();
-    int fds[2];
-    ASSERT_EQ(::pipe(fds), 0);
-    int calls = 0;
-    ASSERT_TRUE(loop.waitForDescriptor(fds[1], RunLoop::Readiness::Readable, [&] { ++calls; }));
-    loop.runUntil(RunLoop::Clock::now() + 30ms);
-    EXPECT_EQ(calls, 0) << "the write end of a pipe is never readable";
-    loop.dispatchAfter(10ms, [&] { ::close(fds[0]); });
-    loop.runUntil(RunLoop::Clock::now() + 200ms);
-    EXPECT_EQ(calls, 1);
-    ::close(fds[1]);
 }
