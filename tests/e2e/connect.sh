@@ -61,7 +61,7 @@ connect_and_stop_with() {
   traffic_passes || return 1
   lab_alive "$TOOL_PID" || { fail "the tool ended by itself before SIG$sig"; return 1; }
   t0=$(lab_now_ms)
-  run kill "-$sig" "$TOOL_PID"
+  tool_signal_in_a_fresh_slice "$sig"
   tool_wait_exit 5 || { fail "the tool did not end within 5 s of SIG$sig"; return 1; }
   echo "SIG$sig to exit: $(( $(lab_now_ms) - t0 )) ms"
   expect_eq "$TOOL_RC" 0 "status after SIG$sig" || return 1

@@ -140,6 +140,27 @@ tool_wait_exit() {
   echo "tool exited with status $TOOL_RC, $TOOL_MS ms after it started"
 }
 
+# tool_signal_in_a_fresh_slice SIG: sends SIG to the tool just after it
+# went to sleep again, which an idle tool does at the start of each 0.5 s
+# slice of its run loop: what the signal sets off then has the whole slice.
+tool_signal_in_a_fresh_slice() {
+  printf '[%s] + kill -%s %s (at the start of a slice)\n' "$(date -u +%H:%M:%S.%3N)" "$1" "$TOOL_PID"
+  python3 - "$TOOL_PID" "$1" <<'PY'
+import os, signal, sys, time
+pid, signo = int(sys.argv[1]), getattr(signal, "SIG" + sys.argv[2])
+def sleeps():
+    with open("/proc/%d/status" % pid) as f:
+        for line in f:
+            if line.startswith("voluntary_ctxt_switches:"):
+                return int(line.split()[1])
+    return -1
+before, end = sleeps(), time.time() + 2
+while sleeps() == before and time.time() < end:
+    time.sleep(0.0002)
+os.kill(pid, signo)
+PY
+}
+
 # tool_run SECONDS ARGS...: start, then wait for the exit.
 tool_run() {
   local secs=$1

@@ -26,7 +26,7 @@ TEST(ToolConnectTest, WholeConnectAtVerboseLevelNeverShowsThePassword) {
     tool.writeFile("client.conf", kConfig);
     tool.start({"--verbose", "-c", "client.conf"});
     ASSERT_TRUE(tool.waitForRecord("status 3"));
-    tool.signal(SIGTERM);
+    tool.signalInAFreshSlice(SIGTERM);
     EXPECT_EQ(tool.wait(), 0);
 
     EXPECT_EQ(tool.messages(),

@@ -135,6 +135,17 @@ class ToolProcess {
     }
 
     void signal(int signo) const { ::kill(pid_, signo); }
+    // Sends `signo` just after the tool went to sleep again, which an idle
+    // tool does at the start of each 0.5 s slice of its run loop: what the
+    // signal sets off then has the whole slice to be seen.
+    void signalInAFreshSlice(int signo) const {
+        const long before = sleeps();
+        const auto end = Clock::now() + std::chrono::milliseconds(2000);
+        while (sleeps() == before && Clock::now() < end) {
+            std::this_thread::sleep_for(std::chrono::microseconds(200));
+        }
+        signal(signo);
+    }
     Clock::time_point exitedAt() const { return exitedAt_; }
     int termSignal() const { return termSignal_; }
 
@@ -172,6 +183,20 @@ class ToolProcess {
     }
 
   private:
+    // How often the tool has gone to sleep (voluntary context switches).
+    long sleeps() const {
+        std::ifstream status("/proc/" + std::to_string(pid_) + "/status");
+        std::string key;
+        long value = -1;
+        while (status >> key) {
+            if (key == "voluntary_ctxt_switches:") {
+                status >> value;
+                break;
+            }
+        }
+        return value;
+    }
+
     std::string dir_;
     pid_t pid_ = -1;
     bool exited_ = false;

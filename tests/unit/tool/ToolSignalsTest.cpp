@@ -41,7 +41,7 @@ TEST(ToolSignalsTest, SignalLineIsHiddenAtTheDefaultLevel) {
     tool.writeFile("client.conf", kConfig);
     tool.start({"--config", "client.conf"});
     ASSERT_TRUE(tool.waitForRecord("status 3"));
-    tool.signal(SIGTERM);
+    tool.signalInAFreshSlice(SIGTERM);
     EXPECT_EQ(tool.wait(), 0);
     EXPECT_EQ(tool.err().find("Received signal"), std::string::npos) << tool.err();
     EXPECT_EQ(tool.recordCount("stop"), 1);
@@ -57,7 +57,7 @@ TEST(ToolSignalsTest, EachTerminatingSignalWhileConnectedLogsTheTunnelGoingDownT
         tool.writeFile("client.conf", kConfig);
         tool.start({"--config", "client.conf", "--verbose"});
         ASSERT_TRUE(tool.waitForRecord("status 3"));
-        tool.signal(signo);
+        tool.signalInAFreshSlice(signo);
         EXPECT_EQ(tool.wait(), 0) << signo;
         const Lines messages = tool.messages();
         ASSERT_GE(messages.size(), 4u) << tool.err();
