@@ -7,18 +7,29 @@
 #include "platform/linux/IoContext.h"
 #include "platform/strongswan/StrongSwanManager.h"
 
+#include <cstdlib>
+
 namespace platform {
 
 namespace {
 
+strongswan::StrongSwanManager& shared();
+
+void finishAtExit() {
+    shared().finish();
+}
+
 strongswan::StrongSwanManager& shared() {
     // Never destroyed: the process may exit from inside a run-loop handler,
-    // and the manager's sockets live on that loop.
+    // and the manager's sockets live on that loop. Whatever way the process
+    // ends through exit(), what it left in charon goes first.
     static auto* manager = [] {
         strongswan::StrongSwanOptions options;
         options.statusChanged = [] { postStatusDidChange(); };
         options.sleep.bus = strongswan::kSystemBus;
-        return new strongswan::StrongSwanManager(mainIoContext(), std::move(options));
+        auto* created = new strongswan::StrongSwanManager(mainIoContext(), std::move(options));
+        std::atexit(finishAtExit);
+        return created;
     }();
     return *manager;
 }

@@ -24,6 +24,8 @@
 #         itself finds that the identity is not in the certificate.
 #   noprop 192.0.2.5: like srv, but accepts only aes128-sha256-modp3072 for
 #         IKE, so the client's proposal is refused (NO_PROPOSAL_CHOSEN).
+#   More servers can join a running lab (lab_add_resp_conn): reauth, which
+#   demands re-authentication, and noesp, which refuses the tunnel's ESP.
 #   EAP-MSCHAPv2 user: $LAB_USER / $LAB_PASSWORD (random per run).
 #   The initiator trusts only the lab CA and gives up after ~4.4 s
 #   (retransmit_tries 2, timeout 1.0, base 1.4).
@@ -768,6 +770,45 @@ lab_start_init_bus() {
   lab_log "system bus in the initiator's namespaces: pid $pid"
 }
 
+# ---------------------------------------------------------------- more servers
+
+# Responder connections added to a running lab, each on an address of its
+# own at the responder (192.0.2.20 and up), kept across responder restarts.
+LAB_EXTRA_RESP_CONNS=()
+
+#   reauth 192.0.2.20: like srv, but demands re-authentication (AUTH_LIFETIME)
+#   noesp  192.0.2.21: like srv, but accepts no ESP proposal of the client's,
+#          so the IKE_SA comes up and the tunnel (CHILD_SA) is refused
+LAB_LINK_REAUTH=192.0.2.20
+LAB_REAUTH_CONN=reauth
+LAB_LINK_NOESP=192.0.2.21
+LAB_NOESP_CONN=noesp
+
+# lab_add_resp_conn NAME ADDRESS SED_SCRIPT: a connection like srv on
+# ADDRESS, its swanctl text edited by SED_SCRIPT; reloads the responder.
+lab_add_resp_conn() {
+  local name=$1 address=$2 edit=$3
+  run ip -n "$LAB_NS_RESP" addr add "$address/24" dev "$LAB_VETH_RESP" || return 1
+  {
+    echo "connections {"
+    lab_resp_conn "$name" "$address" server.pem "$LAB_SERVER_NAME" | sed "$edit"
+    echo "}"
+  } >>"$LAB_DIR/resp/swanctl.conf"
+  LAB_EXTRA_RESP_CONNS+=("$name")
+  lab_resp_load
+}
+
+# lab_add_reauth_responder SECONDS: the reauth server, demanding a new
+# authentication every SECONDS (no jitter).
+lab_add_reauth_responder() {
+  lab_add_resp_conn "$LAB_REAUTH_CONN" "$LAB_LINK_REAUTH" \
+    "/^    version = 2\$/a\\    reauth_time = ${1}s\\n    rand_time = 0s"
+}
+
+lab_add_noesp_responder() {
+  lab_add_resp_conn "$LAB_NOESP_CONN" "$LAB_LINK_NOESP" 's/esp_proposals = .*/esp_proposals = aes128-sha1/'
+}
+
 # ---------------------------------------------------------------- queries
 
 # Minimal VICI client (python3) run inside a namespace: vici.py CMD ...
@@ -784,7 +825,7 @@ lab_resp_no_sa() { [ "$(lab_resp_sa_count)" = 0 ]; }
 # Drop every IKE SA the responder holds (half-open ones included).
 lab_resp_flush_sas() {
   local c
-  for c in "${LAB_RESP_CONNS[@]}"; do
+  for c in "${LAB_RESP_CONNS[@]}" "${LAB_EXTRA_RESP_CONNS[@]}"; do
     in_resp swanctl --terminate --ike "$c" --force --timeout 2 >/dev/null 2>&1
   done
   wait_until 5 lab_resp_no_sa
