@@ -1,9 +1,10 @@
 #include "platform/strongswan/ProfileStore.h"
 
+#include "os/File.h"
+
 #include <fmt/format.h>
 #include <plist/plist.h>
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -147,11 +148,6 @@ std::string folderOf(const std::string& path) {
     return slash == 0 ? std::string("/") : path.substr(0, slash);
 }
 
-std::string baseOf(const std::string& path) {
-    auto slash = path.find_last_of('/');
-    return slash == std::string::npos ? path : path.substr(slash + 1);
-}
-
 NSError ioError(const std::string& what, const std::string& path, int err) {
     return makeVPNError(NEVPNErrorConfigurationReadWriteFailed,
                         fmt::format("{} {}: {}", what, path, std::strerror(err)));
@@ -182,33 +178,6 @@ bool makeFolders(const std::string& folder, NSError& error) {
     }
     return true;
 }
-
-class Fd {
-public:
-    explicit Fd(int fd = -1) : fd_(fd) {}
-    ~Fd() {
-        if (fd_ >= 0) {
-            ::close(fd_);
-        }
-    }
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-    int get() const { return fd_; }
-    void reset(int fd) {
-        if (fd_ >= 0) {
-            ::close(fd_);
-        }
-        fd_ = fd;
-    }
-    int release() {
-        int fd = fd_;
-        fd_ = -1;
-        return fd;
-    }
-
-private:
-    int fd_;
-};
 
 }  // namespace
 
@@ -302,8 +271,8 @@ bool ProfileStore::load(std::optional<StoredProfile>& profile, NSError& error,
     if (corrupt != nullptr) {
         *corrupt = false;
     }
-    Fd fd(::open(path_.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
-    if (fd.get() < 0) {
+    const os::FileDescriptor fd = os::openForReading(path_, os::FinalLink::refuse);
+    if (!fd.valid()) {
         if (errno == ENOENT) {
             return true;
         }
@@ -322,27 +291,14 @@ bool ProfileStore::load(std::optional<StoredProfile>& profile, NSError& error,
         return false;
     }
     std::string bytes;
-    char buffer[8192];
-    while (true) {
-        ssize_t n = ::read(fd.get(), buffer, sizeof(buffer));
-        if (n < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            error = ioError("cannot read", path_, errno);
-            return false;
-        }
-        if (n == 0) {
-            break;
-        }
-        bytes.append(buffer, static_cast<std::size_t>(n));
-        if (bytes.size() > kMaxFileSize) {
-            break;
-        }
+    const int number = os::readBounded(fd.get(), kMaxFileSize, bytes);
+    if (number != 0 && number != EFBIG) {
+        error = ioError("cannot read", path_, number);
+        return false;
     }
     StoredProfile loaded;
-    std::string why;
-    if (!deserialize(bytes, loaded, why)) {
+    std::string why = number == EFBIG ? "file too large" : "";
+    if (!why.empty() || !deserialize(bytes, loaded, why)) {
         error = makeVPNError(NEVPNErrorConfigurationInvalid,
                              fmt::format("corrupt preferences {}: {}", path_, why));
         if (corrupt != nullptr) {
@@ -355,68 +311,34 @@ bool ProfileStore::load(std::optional<StoredProfile>& profile, NSError& error,
 }
 
 bool ProfileStore::save(const StoredProfile& profile, NSError& error) const {
-    std::string folder = folderOf(path_);
-    std::string name = baseOf(path_);
+    const std::string folder = folderOf(path_);
     if (!makeFolders(folder, error)) {
         return false;
     }
-    Fd dir(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (dir.get() < 0) {
-        error = ioError("cannot open folder", folder, errno);
-        return false;
-    }
     struct stat st {};
-    if (::fstatat(dir.get(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 && !S_ISREG(st.st_mode)) {
+    if (::lstat(path_.c_str(), &st) == 0 && !S_ISREG(st.st_mode)) {
         error = makeVPNError(NEVPNErrorConfigurationReadWriteFailed,
                              S_ISLNK(st.st_mode)
                                  ? fmt::format("refusing symbolic link {}", path_)
                                  : fmt::format("not a regular file: {}", path_));
         return false;
     }
-    std::string text = serialize(profile);
-    std::string temp;
-    Fd file;
-    for (int attempt = 0; attempt < 16 && file.get() < 0; ++attempt) {
-        temp = fmt::format(".{}.{}.{}.tmp", name, ::getpid(), attempt);
-        int fd = ::openat(dir.get(), temp.c_str(),
-                          O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-        if (fd >= 0) {
-            file.reset(fd);
-        } else if (errno != EEXIST) {
-            error = ioError("cannot create", folder + "/" + temp, errno);
+    const os::WriteFailure failure =
+        os::writeFileAtomically(path_, serialize(profile), {0600, true});
+    switch (failure.step) {
+        case os::WriteFailure::none:
+            return true;
+        case os::WriteFailure::openFolder:
+            error = ioError("cannot open folder", folder, failure.number);
             return false;
-        }
+        case os::WriteFailure::createTemporary:
+            error = ioError("cannot create a temporary file in", folder, failure.number);
+            return false;
+        case os::WriteFailure::write:
+            error = ioError("cannot write", path_, failure.number);
+            return false;
     }
-    if (file.get() < 0) {
-        error = ioError("cannot create a temporary file in", folder, EEXIST);
-        return false;
-    }
-    bool ok = ::fchmod(file.get(), 0600) == 0;
-    std::size_t written = 0;
-    while (ok && written < text.size()) {
-        ssize_t n = ::write(file.get(), text.data() + written, text.size() - written);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        ok = n > 0;
-        if (ok) {
-            written += static_cast<std::size_t>(n);
-        }
-    }
-    ok = ok && ::fsync(file.get()) == 0;
-    int err = errno;
-    ok = (::close(file.release()) == 0) && ok;
-    if (ok && ::renameat(dir.get(), temp.c_str(), dir.get(), name.c_str()) != 0) {
-        err = errno;
-        ok = false;
-    }
-    if (!ok) {
-        ::unlinkat(dir.get(), temp.c_str(), 0);
-        error = ioError("cannot write", path_, err != 0 ? err : EIO);
-        return false;
-    }
-    ::fsync(dir.get());
-    return true;
+    return false;
 }
 
 bool ProfileStore::setAside(NSError& error) const {
