@@ -6,7 +6,7 @@
 // written at all.
 
 #include "cli/GBSettings.h"
-#include "cli/PropertyList.h"
+#include "cli/plist/PropertyList.h"
 
 #include <unistd.h>
 

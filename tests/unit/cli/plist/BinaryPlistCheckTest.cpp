@@ -1,5 +1,5 @@
-#include "cli/BinaryPlistCheck.h"
-#include "cli/PropertyList.h"
+#include "cli/plist/BinaryPlistCheck.h"
+#include "cli/plist/PropertyList.h"
 
 #include <gtest/gtest.h>
 #include <plist/plist.h>

@@ -1,9 +1,9 @@
 // The values of the XML property-list reader's leaf elements, by Foundation's
 // rules, and the marking of the characters XML refuses.
 
-#include "cli/XmlPlistValues.h"
+#include "cli/plist/XmlPlistValues.h"
 
-#include "cli/PropertyList.h"
+#include "cli/plist/PropertyList.h"
 #include "cli/ValueObject.h"
 
 #include <locale.h>

@@ -1,10 +1,10 @@
 // The XML property-list reader: expat for the markup, Foundation's rules for
 // the values.
 
-#include "cli/XmlPlist.h"
+#include "cli/plist/XmlPlist.h"
 
-#include "cli/PropertyList.h"
-#include "cli/XmlPlistValues.h"
+#include "cli/plist/PropertyList.h"
+#include "cli/plist/XmlPlistValues.h"
 
 #include <expat.h>
 

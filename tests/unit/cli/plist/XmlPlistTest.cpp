@@ -1,5 +1,5 @@
-#include "cli/PropertyList.h"
-#include "cli/XmlPlist.h"
+#include "cli/plist/PropertyList.h"
+#include "cli/plist/XmlPlist.h"
 
 #include <gtest/gtest.h>
 

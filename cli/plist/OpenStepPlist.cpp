@@ -1,4 +1,4 @@
-#include "cli/OpenStepPlist.h"
+#include "cli/plist/OpenStepPlist.h"
 
 #include <cstdint>
 #include <map>

@@ -1,4 +1,4 @@
-#include "cli/PropertyList.h"
+#include "cli/plist/PropertyList.h"
 
 #include <gtest/gtest.h>
 

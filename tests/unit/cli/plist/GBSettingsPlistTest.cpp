@@ -17,7 +17,7 @@
 namespace cli {
 namespace {
 
-class SettingsPlistTest : public ::testing::Test {
+class GBSettingsPlistTest : public ::testing::Test {
   protected:
     void SetUp() override {
         char pattern[] = "/tmp/settings-plist-XXXXXX";
@@ -88,7 +88,7 @@ const char kXmlHead[] =
     "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
     "<plist version=\"1.0\">\n";
 
-TEST_F(SettingsPlistTest, MissingFileIsNoWithoutErrorAndChangesNothing) {
+TEST_F(GBSettingsPlistTest, MissingFileIsNoWithoutErrorAndChangesNothing) {
     GBSettingsRef level = levelHoldingOld();
     std::optional<NSError> error = NSError{"sentinel", 1, "untouched"};
     EXPECT_FALSE(level->loadSettingsFromPlist(path("absent.plist"), &error));
@@ -98,7 +98,7 @@ TEST_F(SettingsPlistTest, MissingFileIsNoWithoutErrorAndChangesNothing) {
     expectUnchanged(*level);
 }
 
-TEST_F(SettingsPlistTest, GroupDictionaryUnfoldsIntoTheLevelAndDashesAreStripped) {
+TEST_F(GBSettingsPlistTest, GroupDictionaryUnfoldsIntoTheLevelAndDashesAreStripped) {
     const std::string file = write("settings.plist",
                                    "<plist><dict><key>--verbose</key><true/>"
                                    "<key>Network</key><dict><key>server</key>"
@@ -113,7 +113,7 @@ TEST_F(SettingsPlistTest, GroupDictionaryUnfoldsIntoTheLevelAndDashesAreStripped
     EXPECT_FALSE(level->isKeyPresentAtThisLevel("--verbose"));
 }
 
-TEST_F(SettingsPlistTest, LoadReplacesWhatTheLevelHeld) {
+TEST_F(GBSettingsPlistTest, LoadReplacesWhatTheLevelHeld) {
     const std::string file = write("s.plist", "{ fresh = yes; }");
     GBSettingsRef level = levelHoldingOld();
     level->addArgument("stale");
@@ -123,7 +123,7 @@ TEST_F(SettingsPlistTest, LoadReplacesWhatTheLevelHeld) {
     EXPECT_EQ(level->objectForKey("fresh").stringValue(), "yes");
 }
 
-TEST_F(SettingsPlistTest, EveryLeadingDashIsStrippedFromEveryKey) {
+TEST_F(GBSettingsPlistTest, EveryLeadingDashIsStrippedFromEveryKey) {
     const std::string file =
         write("s.plist", "{ \"-a\" = 1; \"---b\" = 2; c-d = 3; G = { \"--inner\" = 4; }; }");
     GBSettingsRef level = GBSettings::settingsWithName("File", nullptr);
@@ -134,7 +134,7 @@ TEST_F(SettingsPlistTest, EveryLeadingDashIsStrippedFromEveryKey) {
     EXPECT_EQ(level->objectForKey("inner").stringValue(), "4");
 }
 
-TEST_F(SettingsPlistTest, OnlyOneLevelOfGroupsUnfolds) {
+TEST_F(GBSettingsPlistTest, OnlyOneLevelOfGroupsUnfolds) {
     const std::string file = write("s.plist", "{ Outer = { Inner = { deep = x; }; }; }");
     GBSettingsRef level = GBSettings::settingsWithName("File", nullptr);
     ASSERT_TRUE(level->loadSettingsFromPlist(file, nullptr));
@@ -144,7 +144,7 @@ TEST_F(SettingsPlistTest, OnlyOneLevelOfGroupsUnfolds) {
     EXPECT_FALSE(level->isKeyPresentAtThisLevel("deep"));
 }
 
-TEST_F(SettingsPlistTest, RepeatedKeyTakesTheEntryEnumeratedLast) {
+TEST_F(GBSettingsPlistTest, RepeatedKeyTakesTheEntryEnumeratedLast) {
     // Root entries are met in key order: group "a", then "b", then group "c".
     const std::string file =
         write("s.plist", "{ a = { b = group-a; x = from-a; }; b = root; c = { x = from-c; }; }");
@@ -154,7 +154,7 @@ TEST_F(SettingsPlistTest, RepeatedKeyTakesTheEntryEnumeratedLast) {
     EXPECT_EQ(level->objectForKey("x").stringValue(), "from-c");
 }
 
-TEST_F(SettingsPlistTest, ArrayKeysAccumulateAcrossEntries) {
+TEST_F(GBSettingsPlistTest, ArrayKeysAccumulateAcrossEntries) {
     const std::string file =
         write("s.plist", "{ include = (one, two); z = { include = three; }; }");
     GBSettingsRef level = GBSettings::settingsWithName("File", nullptr);
@@ -166,7 +166,7 @@ TEST_F(SettingsPlistTest, ArrayKeysAccumulateAcrossEntries) {
     EXPECT_EQ(include.objectAtIndex(2).stringValue(), "three");
 }
 
-TEST_F(SettingsPlistTest, SavedArgumentsLoadBackAsArguments) {
+TEST_F(GBSettingsPlistTest, SavedArgumentsLoadBackAsArguments) {
     GBSettingsRef saved = GBSettings::settingsWithName("Saved", nullptr);
     saved->addArgument("a");
     saved->addArgument("b");
@@ -183,7 +183,7 @@ TEST_F(SettingsPlistTest, SavedArgumentsLoadBackAsArguments) {
     EXPECT_EQ(fresh->objectForKey("config").stringValue(), "c.conf");
 }
 
-TEST_F(SettingsPlistTest, SavedFileIsTheLevelsStorageAsXml) {
+TEST_F(GBSettingsPlistTest, SavedFileIsTheLevelsStorageAsXml) {
     GBSettingsRef level = GBSettings::settingsWithName("L", nullptr);
     level->setObject("a.conf", "config");
     level->setBool(true, "verbose");
@@ -210,7 +210,7 @@ TEST_F(SettingsPlistTest, SavedFileIsTheLevelsStorageAsXml) {
     EXPECT_EQ(contents(path("child.plist")), std::string(kXmlHead) + "<dict/>\n</plist>\n");
 }
 
-TEST_F(SettingsPlistTest, SaveReplacesAnExistingFileAndLeavesNoTemporaryFile) {
+TEST_F(GBSettingsPlistTest, SaveReplacesAnExistingFileAndLeavesNoTemporaryFile) {
     write("out.plist", "old contents");
     GBSettingsRef level = GBSettings::settingsWithName("L", nullptr);
     level->setObject("v", "k");
@@ -219,7 +219,7 @@ TEST_F(SettingsPlistTest, SaveReplacesAnExistingFileAndLeavesNoTemporaryFile) {
     EXPECT_EQ(entries(), std::vector<std::string>{"out.plist"});
 }
 
-TEST_F(SettingsPlistTest, SavedFileHasTheModeOfANewFileUnderTheUmask) {
+TEST_F(GBSettingsPlistTest, SavedFileHasTheModeOfANewFileUnderTheUmask) {
     GBSettingsRef level = GBSettings::settingsWithName("L", nullptr);
     level->setObject("v", "k");
     const mode_t saved = ::umask(027);
@@ -236,7 +236,7 @@ TEST_F(SettingsPlistTest, SavedFileHasTheModeOfANewFileUnderTheUmask) {
     EXPECT_EQ(info.st_mode & 07777, 0666u);
 }
 
-TEST_F(SettingsPlistTest, ValueAPropertyListCannotHoldFailsTheSaveAndWritesNoFile) {
+TEST_F(GBSettingsPlistTest, ValueAPropertyListCannotHoldFailsTheSaveAndWritesNoFile) {
     GBSettingsRef level = GBSettings::settingsWithName("L", nullptr);
     level->setObjectForLocalKey(Value::array({Value("ok"), Value()}), "broken");
     std::optional<NSError> error;
@@ -248,7 +248,7 @@ TEST_F(SettingsPlistTest, ValueAPropertyListCannotHoldFailsTheSaveAndWritesNoFil
     EXPECT_TRUE(level->objectForKey("broken").isArray());
 }
 
-TEST_F(SettingsPlistTest, SavingIntoAMissingFolderFailsWithAFileError) {
+TEST_F(GBSettingsPlistTest, SavingIntoAMissingFolderFailsWithAFileError) {
     GBSettingsRef level = GBSettings::settingsWithName("L", nullptr);
     std::optional<NSError> error;
     EXPECT_FALSE(level->saveSettingsToPlist(path("no/such/folder.plist"), &error));
@@ -258,7 +258,7 @@ TEST_F(SettingsPlistTest, SavingIntoAMissingFolderFailsWithAFileError) {
     EXPECT_NE(error->description.find("folder.plist"), std::string::npos);
 }
 
-TEST_F(SettingsPlistTest, SavingOverAFolderFailsAndLeavesNoTemporaryFile) {
+TEST_F(GBSettingsPlistTest, SavingOverAFolderFailsAndLeavesNoTemporaryFile) {
     ASSERT_EQ(::mkdir(path("taken").c_str(), 0700), 0);
     GBSettingsRef level = GBSettings::settingsWithName("L", nullptr);
     level->setObject("v", "k");
@@ -271,7 +271,7 @@ TEST_F(SettingsPlistTest, SavingOverAFolderFailsAndLeavesNoTemporaryFile) {
     ::rmdir(path("taken").c_str());
 }
 
-TEST_F(SettingsPlistTest, DictionaryValueComesBackAsSeparateKeys) {
+TEST_F(GBSettingsPlistTest, DictionaryValueComesBackAsSeparateKeys) {
     GBSettingsRef level = GBSettings::settingsWithName("L", nullptr);
     level->setObject(
         Value::dictionary({{"host", "h"}, {"nested", Value::dictionary({{"deep", "d"}})}}),
@@ -284,13 +284,13 @@ TEST_F(SettingsPlistTest, DictionaryValueComesBackAsSeparateKeys) {
     EXPECT_TRUE(fresh->objectForKey("nested").isDictionary());
 }
 
-TEST_F(SettingsPlistTest, RootThatIsNotADictionaryIsRefusedWithAnError) {
+TEST_F(GBSettingsPlistTest, RootThatIsNotADictionaryIsRefusedWithAnError) {
     for (const char* text : {"(a, b)", "<plist><string>s</string></plist>", "\"text\""}) {
         expectLoadRefused(text);
     }
 }
 
-TEST_F(SettingsPlistTest, CorruptFilesFailWithAnErrorAndChangeNothing) {
+TEST_F(GBSettingsPlistTest, CorruptFilesFailWithAnErrorAndChangeNothing) {
     const std::string cases[] = {
         "",
         "{ a = b",
@@ -310,7 +310,7 @@ TEST_F(SettingsPlistTest, CorruptFilesFailWithAnErrorAndChangeNothing) {
     for (const std::string& bytes : cases) expectLoadRefused(bytes);
 }
 
-TEST_F(SettingsPlistTest, MalformedXmlValuesFailTheLoadAndChangeNothing) {
+TEST_F(GBSettingsPlistTest, MalformedXmlValuesFailTheLoadAndChangeNothing) {
     const std::string values[] = {
         "<integer>12x</integer>",
         "<integer></integer>",
@@ -327,7 +327,7 @@ TEST_F(SettingsPlistTest, MalformedXmlValuesFailTheLoadAndChangeNothing) {
     }
 }
 
-TEST_F(SettingsPlistTest, MalformedXmlStructureFailsTheLoadAndChangesNothing) {
+TEST_F(GBSettingsPlistTest, MalformedXmlStructureFailsTheLoadAndChangesNothing) {
     const std::string documents[] = {
         "<plist><dict><key>a</key></dict></plist>",
         "<plist><dict><key>a</key><true/></dict><dict/></plist>",
@@ -337,7 +337,7 @@ TEST_F(SettingsPlistTest, MalformedXmlStructureFailsTheLoadAndChangesNothing) {
     for (const std::string& document : documents) expectLoadRefused(document);
 }
 
-TEST_F(SettingsPlistTest, DeclaredLatin1EncodingIsDecoded) {
+TEST_F(GBSettingsPlistTest, DeclaredLatin1EncodingIsDecoded) {
     const std::string file = write("latin1.plist",
                                    "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?>\n"
                                    "<plist><dict><key>caf\xE9</key><string>caf\xE9</string>"
@@ -348,7 +348,7 @@ TEST_F(SettingsPlistTest, DeclaredLatin1EncodingIsDecoded) {
     EXPECT_EQ(level->objectForKey("caf\xC3\xA9").stringValue(), "caf\xC3\xA9");
 }
 
-TEST_F(SettingsPlistTest, UnknownOrWrongDeclaredEncodingFailsTheLoad) {
+TEST_F(GBSettingsPlistTest, UnknownOrWrongDeclaredEncodingFailsTheLoad) {
     for (const char* document :
          {"<?xml version=\"1.0\" encoding=\"no-such-encoding\"?><plist><dict/></plist>",
           "<?xml version=\"1.0\" encoding=\"US-ASCII\"?><plist><dict><key>\xE9</key>"
@@ -357,7 +357,7 @@ TEST_F(SettingsPlistTest, UnknownOrWrongDeclaredEncodingFailsTheLoad) {
     }
 }
 
-TEST_F(SettingsPlistTest, UidIsAValueNotAGroup) {
+TEST_F(GBSettingsPlistTest, UidIsAValueNotAGroup) {
     const std::string file = write("uid.plist",
                                    "<plist><dict><key>ref</key><dict><key>CF$UID</key>"
                                    "<integer>7</integer></dict></dict></plist>");
@@ -368,7 +368,7 @@ TEST_F(SettingsPlistTest, UidIsAValueNotAGroup) {
     EXPECT_EQ(level->objectForKey("ref").uidValue(), 7u);
 }
 
-TEST_F(SettingsPlistTest, BinaryUidIsAValueNotAGroupAndSavesAsItsXmlForm) {
+TEST_F(GBSettingsPlistTest, BinaryUidIsAValueNotAGroupAndSavesAsItsXmlForm) {
     plist_t root = plist_new_dict();
     plist_dict_set_item(root, "ref", plist_new_uid(9));
     char* bytes = nullptr;
@@ -398,7 +398,7 @@ TEST_F(SettingsPlistTest, BinaryUidIsAValueNotAGroupAndSavesAsItsXmlForm) {
     EXPECT_TRUE(again->storage().isEqual(level->storage()));
 }
 
-TEST_F(SettingsPlistTest, DirectoryInPlaceOfTheFileIsAReadError) {
+TEST_F(GBSettingsPlistTest, DirectoryInPlaceOfTheFileIsAReadError) {
     ASSERT_EQ(::mkdir(path("folder").c_str(), 0700), 0);
     GBSettingsRef level = levelHoldingOld();
     std::optional<NSError> error;
@@ -410,7 +410,7 @@ TEST_F(SettingsPlistTest, DirectoryInPlaceOfTheFileIsAReadError) {
     ::rmdir(path("folder").c_str());
 }
 
-TEST_F(SettingsPlistTest, UnreadableFileIsAPermissionError) {
+TEST_F(GBSettingsPlistTest, UnreadableFileIsAPermissionError) {
     if (::geteuid() == 0) GTEST_SKIP() << "permissions do not bind the superuser";
     const std::string file = write("locked.plist", "{ a = b; }");
     ASSERT_EQ(::chmod(file.c_str(), 0), 0);
@@ -422,7 +422,7 @@ TEST_F(SettingsPlistTest, UnreadableFileIsAPermissionError) {
     expectUnchanged(*level);
 }
 
-TEST_F(SettingsPlistTest, OpenStepValuesLoadAsStringsThatReadAsFlagsAndNumbers) {
+TEST_F(GBSettingsPlistTest, OpenStepValuesLoadAsStringsThatReadAsFlagsAndNumbers) {
     const std::string file = write("s.plist", "{ verbose = YES; count = 42; name = \"a b\"; }");
     GBSettingsRef level = GBSettings::settingsWithName("L", nullptr);
     ASSERT_TRUE(level->loadSettingsFromPlist(file, nullptr));
@@ -432,7 +432,7 @@ TEST_F(SettingsPlistTest, OpenStepValuesLoadAsStringsThatReadAsFlagsAndNumbers) 
     EXPECT_EQ(level->objectForKey("name").stringValue(), "a b");
 }
 
-TEST_F(SettingsPlistTest, EmptyDictionaryFileEmptiesTheLevel) {
+TEST_F(GBSettingsPlistTest, EmptyDictionaryFileEmptiesTheLevel) {
     const std::string file = write("s.plist", "<plist><dict/></plist>");
     GBSettingsRef level = levelHoldingOld();
     ASSERT_TRUE(level->loadSettingsFromPlist(file, nullptr));

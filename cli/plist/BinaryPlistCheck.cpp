@@ -1,4 +1,4 @@
-#include "cli/BinaryPlistCheck.h"
+#include "cli/plist/BinaryPlistCheck.h"
 
 #include <algorithm>
 #include <cstdint>
