@@ -1,5 +1,10 @@
 #include "cli/GBCommandLineParser.h"
 
+#include "cli/GBOptionsHelper.h"
+#include "cli/GBPrint.h"
+#include "os/Process.h"
+
+#include <algorithm>
 #include <cstdio>
 #include <utility>
 
@@ -7,20 +12,21 @@ namespace cli {
 
 namespace {
 
-const char* const kLongKey = "long";
-const char* const kRequirementKey = "requirement";
-const char* const kShortKey = "short";
-
-// Group sets are arrays of distinct values, distinct by isEqual.
-void addToSet(Value& set, const Value& member) {
-    if (!set.isNil() && !set.containsObject(member)) set.addObject(member);
-}
-
 bool startsWith(std::string_view text, std::string_view prefix) {
     return text.substr(0, prefix.size()) == prefix;
 }
 
 }  // namespace
+
+bool GBOptionGroup::contains(const std::string& longName) const {
+    return std::find(longNames.begin(), longNames.end(), longName) != longNames.end();
+}
+
+bool GBOptionGroup::containsTwin(const std::string& negatedName) const {
+    return std::any_of(twins.begin(), twins.end(), [&](const GBOptionDataRef& twin) {
+        return twin->longOption == negatedName;
+    });
+}
 
 GBCommandLineParser::GBCommandLineParser()
     : parsedOptions_(Value::mutableDictionary()), parsedArguments_(Value::mutableArray()) {}
@@ -32,28 +38,24 @@ void GBCommandLineParser::registerOption(const std::string& longName, char short
     // Without a name the record would answer to "--" (and its twin to
     // "--no-"), and its value would have no key to be stored under.
     if (longName.empty()) return;
-    Value record = Value::mutableDictionary(
-        {{kLongKey, Value(longName)},
-         {kRequirementKey, Value::numberWithUnsignedInteger(requirement)}});
+    auto record = std::make_shared<GBOptionData>(GBOptionData{longName, requirement, {}, false});
     registeredOptionsByLongNames_.insert_or_assign(longName, record);
-    addToSet(currentOptionsGroupOptions_, Value(longName));
+    if (currentOptionsGroupOptions_ && !currentOptionsGroupOptions_->contains(longName)) {
+        currentOptionsGroupOptions_->longNames.push_back(longName);
+    }
 
-    const auto signedShortcut = static_cast<std::int8_t>(shortcut);
-    if (signedShortcut > 0) {
-        record.setObjectForKey(Value::numberWithChar(signedShortcut), kShortKey);
+    if (static_cast<std::int8_t>(shortcut) > 0) {
+        record->shortOption = shortcut;
         registeredOptionsByShortNames_.insert_or_assign(std::string(1, shortcut), record);
     }
 
     if (requirement == GBValueNone) {
         const std::string negated = "no-" + longName;
-        Value twin = Value::mutableDictionary(
-            {{kLongKey, Value(negated)},
-             {kRequirementKey, Value::numberWithUnsignedInteger(GBValueNone)}});
+        auto twin = std::make_shared<GBOptionData>(GBOptionData{negated, GBValueNone, {}, true});
         registeredOptionsByLongNames_.insert_or_assign(negated, twin);
-        negatedTwins_.insert_or_assign(negated, twin);
-        // The group receives the twin's record, not its name, so the negated
-        // form never tests as a member of the group.
-        addToSet(currentOptionsGroupOptions_, twin);
+        if (currentOptionsGroupOptions_ && !currentOptionsGroupOptions_->containsTwin(negated)) {
+            currentOptionsGroupOptions_->twins.push_back(twin);
+        }
     }
 }
 
@@ -78,32 +80,26 @@ void GBCommandLineParser::beginRegisterOptionGroup(const std::string& name) {
     const auto existing = registeredOptionGroupsByNames_.find(name);
     if (existing != registeredOptionGroupsByNames_.end()) {
         currentOptionsGroupOptions_ = existing->second;
-        std::fprintf(stderr, "Group %s is already registered!", name.c_str());
+        gbfprint(stderr, "Group {} is already registered!", name);
         return;
     }
-    currentOptionsGroupOptions_ = Value::mutableArray();
+    currentOptionsGroupOptions_ = std::make_shared<GBOptionGroup>();
     registeredOptionGroupsByNames_.insert_or_assign(name, currentOptionsGroupOptions_);
 }
 
 void GBCommandLineParser::endRegisterOptionGroup() {
     currentOptionsGroupName_.reset();
-    currentOptionsGroupOptions_ = Value();
+    currentOptionsGroupOptions_.reset();
+}
+
+void GBCommandLineParser::registerOptions(GBOptionsHelper& options) {
+    options.registerOptionsToCommandLineParser(*this);
 }
 
 // --- Queries ---
 
-const Value& GBCommandLineParser::optionGroupResult() {
-    static const Value group("group");
-    return group;
-}
-
-const Value& GBCommandLineParser::notAnOptionResult() {
-    static const Value notAnOption("not-an-option");
-    return notAnOption;
-}
-
-Value GBCommandLineParser::optionDataForOption(const std::string& argument, Value* value) {
-    const std::map<std::string, Value>* registry = nullptr;
+GBOptionLookup GBCommandLineParser::optionDataForOption(const std::string& argument, Value* value) {
+    const std::map<std::string, GBOptionDataRef>* registry = nullptr;
     std::string name;
     if (startsWith(argument, "--")) {
         name = argument.substr(2);
@@ -113,10 +109,10 @@ Value GBCommandLineParser::optionDataForOption(const std::string& argument, Valu
         registry = &registeredOptionsByShortNames_;
     } else {
         const auto group = registeredOptionGroupsByNames_.find(argument);
-        if (group == registeredOptionGroupsByNames_.end()) return notAnOptionResult();
+        if (group == registeredOptionGroupsByNames_.end()) return {GBOptionLookup::notAnOption, {}};
         currentOptionsGroupName_ = argument;
         currentOptionsGroupOptions_ = group->second;
-        return optionGroupResult();
+        return {GBOptionLookup::group, {}};
     }
     // Searched from the end: "--a=b=c" names "a=b" with the value "c".
     const std::size_t equals = name.rfind('=');
@@ -125,12 +121,8 @@ Value GBCommandLineParser::optionDataForOption(const std::string& argument, Valu
         name.erase(equals);
     }
     const auto found = registry->find(name);
-    return found == registry->end() ? Value() : found->second;
-}
-
-bool GBCommandLineParser::isNegatedTwin(const Value& record) const {
-    const auto twin = negatedTwins_.find(record.objectForKey(kLongKey).stringValue());
-    return twin != negatedTwins_.end() && twin->second.isSameObject(record);
+    if (found == registry->end()) return {GBOptionLookup::unknown, {}};
+    return {GBOptionLookup::option, found->second};
 }
 
 bool GBCommandLineParser::isShortOrLongOptionName(std::string_view text) const {
@@ -151,10 +143,42 @@ Value GBCommandLineParser::arguments() const {
 
 // --- Parsing ---
 
+GBParseFlags GBCommandLineParser::takeValue(const GBOptionData& data,
+                                            const std::vector<std::string>& arguments,
+                                            std::size_t& index, Value& value) const {
+    const GBOptionRequirement requirement = data.requirement;
+    if (requirement != GBValueRequired && requirement != GBValueOptional) {
+        if (value.isNil()) {
+            value = Value::numberWithBool(!data.negated);
+        } else if (data.negated) {
+            value = Value::numberWithInt(value.boolValue() ? 0 : 1);
+        } else {
+            value = Value::numberWithBool(value.boolValue());
+        }
+        return GBParseFlagOption;
+    }
+    if (value.isNil() && index + 1 < arguments.size()) {
+        const std::string& next = arguments[index + 1];
+        if (!isShortOrLongOptionName(next) && !isOptionGroupName(next)) {
+            value = Value(next);
+            ++index;
+            return GBParseFlagOption;
+        }
+        if (requirement == GBValueRequired) {
+            value = Value(next);  // refused, not consumed, still reported
+            return GBParseFlagMissingValue;
+        }
+    }
+    if (!value.isNil()) return GBParseFlagOption;
+    if (requirement == GBValueRequired) return GBParseFlagMissingValue;
+    value = Value::numberWithBool(true);
+    return GBParseFlagOption;
+}
+
 bool GBCommandLineParser::parseOptionsWithArguments(const std::vector<std::string>& arguments,
                                                     const std::string& /*commandLine*/,
                                                     const GBParseBlock& block) {
-    currentOptionsGroupOptions_ = Value();
+    currentOptionsGroupOptions_.reset();
     parsedOptions_.removeAllObjects();
     parsedArguments_.removeAllObjects();
     bool stop = false;
@@ -164,60 +188,27 @@ bool GBCommandLineParser::parseOptionsWithArguments(const std::vector<std::strin
     while (index < arguments.size()) {
         const std::string& argument = arguments[index];
         Value value;
-        const Value data = optionDataForOption(argument, &value);
-        if (data.isSameObject(notAnOptionResult())) break;
-        if (data.isSameObject(optionGroupResult())) {
+        const GBOptionLookup found = optionDataForOption(argument, &value);
+        if (found.kind == GBOptionLookup::notAnOption) break;
+        if (found.kind == GBOptionLookup::group) {
             // The stop flag is deliberately not examined after a group event.
             block(GBParseFlagOption, argument, Value::numberWithBool(true), &stop);
             ++index;
             continue;
         }
 
-        GBParseFlags event = GBParseFlagOption;
-        std::string name;
-        if (data.isNil()) {
-            event = GBParseFlagUnknownOption;
-            name = argument;
-            result = false;
-        } else {
-            const std::string longName = data.objectForKey(kLongKey).stringValue();
-            if (!currentOptionsGroupOptions_.isNil() &&
-                !currentOptionsGroupOptions_.containsObject(Value(longName))) {
+        GBParseFlags event = GBParseFlagUnknownOption;
+        std::string name = argument;
+        if (found.kind == GBOptionLookup::option) {
+            if (currentOptionsGroupOptions_ &&
+                !currentOptionsGroupOptions_->contains(found.data->longOption)) {
                 event = GBParseFlagWrongGroup;
-                name = argument;
-                result = false;
             } else {
-                name = longName;
-                const auto requirement =
-                    static_cast<std::uint64_t>(data.objectForKey(kRequirementKey).integerValue());
-                if (requirement == GBValueRequired || requirement == GBValueOptional) {
-                    if (value.isNil() && index + 1 < arguments.size()) {
-                        const std::string& next = arguments[index + 1];
-                        if (!isShortOrLongOptionName(next) && !isOptionGroupName(next)) {
-                            value = Value(next);
-                            ++index;
-                        } else if (requirement == GBValueRequired) {
-                            value = Value(next);  // refused, not consumed, still reported
-                            event = GBParseFlagMissingValue;
-                        }
-                    } else if (value.isNil() && requirement == GBValueRequired) {
-                        event = GBParseFlagMissingValue;
-                    }
-                    if (value.isNil() && requirement == GBValueOptional) {
-                        value = Value::numberWithBool(true);
-                    }
-                } else {
-                    const bool negated = isNegatedTwin(data);
-                    if (value.isNil()) {
-                        value = Value::numberWithBool(!negated);
-                    } else if (negated) {
-                        value = Value::numberWithInt(value.boolValue() ? 0 : 1);
-                    } else {
-                        value = Value::numberWithBool(value.boolValue());
-                    }
-                }
+                name = found.data->longOption;
+                event = takeValue(*found.data, arguments, index, value);
             }
         }
+        if (event == GBParseFlagUnknownOption || event == GBParseFlagWrongGroup) result = false;
 
         block(event, name, value, &stop);
         if (stop) return false;
@@ -245,9 +236,52 @@ bool GBCommandLineParser::parseOptionsWithArguments(const char* const* argv, int
 }
 
 bool GBCommandLineParser::parseOptionsUsingDefaultArgumentsWithBlock(const GBParseBlock& block) {
-    std::vector<std::string> arguments = processArguments();
+    std::vector<std::string> arguments = os::processArguments();
     if (!arguments.empty()) arguments.erase(arguments.begin());
-    return parseOptionsWithArguments(arguments, processName(), block);
+    return parseOptionsWithArguments(arguments, os::programName(), block);
+}
+
+// --- The simplified block ---
+
+GBParseBlock GBCommandLineParser::simplifiedOptionsParserBlock() {
+    // Hold the parser strongly when something already owns it that way.
+    std::shared_ptr<GBCommandLineParser> keepAlive = weak_from_this().lock();
+    GBCommandLineParser* parser = this;
+    return [parser, keepAlive](GBParseFlags flags, const std::optional<std::string>& option,
+                               const Value& value, bool* /*stop*/) {
+        const GBSettingsRef& settings = parser->settings();
+        switch (flags) {
+            case GBParseFlagOption:
+                if (settings && option) settings->setObject(value, *option);
+                break;
+            case GBParseFlagArgument:
+                if (settings) settings->addArgument(value);
+                break;
+            case GBParseFlagWrongGroup:
+                gbfprintln(stderr, "Invalid option {} for group {}!", option,
+                           parser->currentOptionsGroupName());
+                break;
+            case GBParseFlagMissingValue:
+                gbfprintln(stderr, "Missing value for command line option {}, try --help!", option);
+                break;
+            case GBParseFlagUnknownOption:
+                gbfprintln(stderr, "Unknown command line option {}, try --help!", option);
+                break;
+        }
+    };
+}
+
+bool GBCommandLineParser::parseOptionsUsingDefaultArguments() {
+    return parseOptionsUsingDefaultArgumentsWithBlock(simplifiedOptionsParserBlock());
+}
+
+bool GBCommandLineParser::parseOptionsWithArguments(const char* const* argv, int argc) {
+    return parseOptionsWithArguments(argv, argc, simplifiedOptionsParserBlock());
+}
+
+bool GBCommandLineParser::parseOptionsWithArguments(const std::vector<std::string>& arguments,
+                                                    const std::string& commandLine) {
+    return parseOptionsWithArguments(arguments, commandLine, simplifiedOptionsParserBlock());
 }
 
 }  // namespace cli

@@ -6,6 +6,7 @@
 // simplified block writes options and positional arguments into a settings
 // level and prints the parse errors on standard error.
 
+#include "cli/GBOptionRequirement.h"
 #include "cli/GBSettings.h"
 #include "cli/Value.h"
 
@@ -22,12 +23,41 @@ namespace cli {
 
 class GBOptionsHelper;
 
-// How an option takes its value. Any other number is parsed like a switch
-// but gets no negated twin.
-enum GBOptionRequirement : std::uint64_t {
-    GBValueRequired = 0,  // joined with "=" or the next argument
-    GBValueOptional = 1,  // may have a value; without one its value is YES
-    GBValueNone = 2,      // a switch, with a "no-" twin
+// One registered option as the parser holds it.
+struct GBOptionData {
+    std::string longOption;  // without dashes
+    GBOptionRequirement requirement = GBValueRequired;
+    std::optional<char> shortOption;
+    // The "no-" twin that registering a switch made; only a twin parses as
+    // a negation, not an option that merely has a "no-" name.
+    bool negated = false;
+};
+using GBOptionDataRef = std::shared_ptr<GBOptionData>;
+
+// The members of one option group: the long names of the options
+// registered while it was open, each once, and for each switch among them
+// its twin's record. The twin is held as a record, not a name, so the
+// negated form never tests as a member of the group.
+struct GBOptionGroup {
+    std::vector<std::string> longNames;
+    std::vector<GBOptionDataRef> twins;
+    // Whether `longName` is a member; never true for a twin's name.
+    bool contains(const std::string& longName) const;
+    bool containsTwin(const std::string& negatedName) const;
+    std::size_t count() const { return longNames.size() + twins.size(); }
+};
+using GBOptionGroupRef = std::shared_ptr<GBOptionGroup>;
+
+// What one argument names.
+struct GBOptionLookup {
+    enum Kind {
+        unknown,      // a dashed word that no option answers to
+        option,       // a registered option: `data`
+        group,        // a group name; the group is now selected
+        notAnOption,  // any other bare word
+    };
+    Kind kind = unknown;
+    GBOptionDataRef data;
 };
 
 // The kind of event passed to a parse block.
@@ -48,7 +78,6 @@ using GBParseBlock = std::function<void(
 class GBCommandLineParser : public std::enable_shared_from_this<GBCommandLineParser> {
   public:
     GBCommandLineParser();
-    virtual ~GBCommandLineParser() = default;
     GBCommandLineParser(const GBCommandLineParser&) = delete;
     GBCommandLineParser& operator=(const GBCommandLineParser&) = delete;
 
@@ -73,7 +102,7 @@ class GBCommandLineParser : public std::enable_shared_from_this<GBCommandLinePar
     // (no newline) on standard error and reopens that group.
     void beginRegisterOptionGroup(const std::string& name);
     void endRegisterOptionGroup();
-    // Registers every option of the registry; defined with the registry.
+    // Registers every option of the registry.
     void registerOptions(GBOptionsHelper& options);
 
     // --- Parsing with a block; each answers false when an unknown option or
@@ -97,21 +126,14 @@ class GBCommandLineParser : public std::enable_shared_from_this<GBCommandLinePar
 
     // --- Queries ---
 
-    // The record for an argument ("--name", "-x", with an optional "=value"
-    // split at the last "="; the value is stored through `value` when
-    // given), or optionGroupResult() after selecting the group a bare group
-    // name names, or notAnOptionResult() for any other bare word, or nil.
-    Value optionDataForOption(const std::string& argument, Value* value);
-    // The two sentinel results of optionDataForOption, recognised by
-    // identity (isSameObject), never by equality.
-    static const Value& optionGroupResult();
-    static const Value& notAnOptionResult();
+    // What an argument names: "--name" and "-x", each with an optional
+    // "=value" split at the last "=" (the value is stored through `value`
+    // when given), are looked up as options; a bare group name selects its
+    // group.
+    GBOptionLookup optionDataForOption(const std::string& argument, Value* value);
     // Whether the text begins with "-".
     bool isShortOrLongOptionName(std::string_view text) const;
     bool isOptionGroupName(const std::string& name) const;
-    // Whether the record is the "no-" twin that registering a switch made,
-    // and that still answers to its name.
-    bool isNegatedTwin(const Value& record) const;
     // The value the last parse found for a long name; nil if none.
     Value valueForOption(const std::string& longName) const;
     // An immutable copy of the last parse's positional arguments.
@@ -128,48 +150,40 @@ class GBCommandLineParser : public std::enable_shared_from_this<GBCommandLinePar
     // Positional arguments found by the last parse: a mutable array.
     const Value& parsedArguments() const { return parsedArguments_; }
     // Long name (negated twins included) -> option record.
-    const std::map<std::string, Value>& registeredOptionsByLongNames() const {
+    const std::map<std::string, GBOptionDataRef>& registeredOptionsByLongNames() const {
         return registeredOptionsByLongNames_;
     }
-    // One-character shortcut -> the same record object as by long name.
-    const std::map<std::string, Value>& registeredOptionsByShortNames() const {
+    // One-character shortcut -> the same record as by long name.
+    const std::map<std::string, GBOptionDataRef>& registeredOptionsByShortNames() const {
         return registeredOptionsByShortNames_;
     }
-    // Group name -> its member set: a mutable array of distinct (isEqual)
-    // values: long names, and for a switch its twin's record itself.
-    const std::map<std::string, Value>& registeredOptionGroupsByNames() const {
+    const std::map<std::string, GBOptionGroupRef>& registeredOptionGroupsByNames() const {
         return registeredOptionGroupsByNames_;
     }
-    // The group being registered or selected on the command line; nil if none.
-    const Value& currentOptionsGroupOptions() const { return currentOptionsGroupOptions_; }
+    // The group being registered or selected on the command line; none if
+    // none.
+    const GBOptionGroupRef& currentOptionsGroupOptions() const {
+        return currentOptionsGroupOptions_;
+    }
     // The group most recently selected on the command line.
     const std::optional<std::string>& currentOptionsGroupName() const {
         return currentOptionsGroupName_;
     }
 
-  protected:
-    // Called by each simplified form with its own name; does nothing here.
-    virtual void validateSimplifiedOptionsWithSelector(std::string_view selector);
-
   private:
+    // The event and value for a recognised option at `index`; advances
+    // `index` past a following word taken as its value.
+    GBParseFlags takeValue(const GBOptionData& data, const std::vector<std::string>& arguments,
+                           std::size_t& index, Value& value) const;
+
     GBSettingsRef settings_;
     Value parsedOptions_;
     Value parsedArguments_;
-    std::map<std::string, Value> registeredOptionsByLongNames_;
-    std::map<std::string, Value> registeredOptionsByShortNames_;
-    std::map<std::string, Value> registeredOptionGroupsByNames_;
-    // Negated name -> the twin record made for it, kept to tell the twin
-    // from a record registered later under the same name.
-    std::map<std::string, Value> negatedTwins_;
-    Value currentOptionsGroupOptions_;
+    std::map<std::string, GBOptionDataRef> registeredOptionsByLongNames_;
+    std::map<std::string, GBOptionDataRef> registeredOptionsByShortNames_;
+    std::map<std::string, GBOptionGroupRef> registeredOptionGroupsByNames_;
+    GBOptionGroupRef currentOptionsGroupOptions_;
     std::optional<std::string> currentOptionsGroupName_;
 };
-
-// The process's argument list, element 0 (the program) included, as the
-// system recorded it at start; empty when it cannot be read.
-std::vector<std::string> processArguments();
-
-// The process's name: the last path component of its program.
-std::string processName();
 
 }  // namespace cli

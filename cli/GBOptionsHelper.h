@@ -4,6 +4,7 @@
 // list come the parser's registrations, the help text, the version line and
 // the report of effective settings values, all in registration order.
 
+#include "cli/GBOptionRequirement.h"
 #include "cli/OptionDefinition.h"
 
 #include <cstdint>
@@ -99,18 +100,27 @@ class GBOptionsHelper {
     // argument selects it.
     void registerOptionsToCommandLineParser(GBCommandLineParser& parser);
 
-    // Help and version output, on standard output.
+    // Each text below is rendered whole, every line ending in a line feed
+    // and cut at any NUL in it as C output would cut it; each print writes
+    // its text to standard output in one call.
+
+    // The options in columns between the help header and footer.
+    std::string helpText();
     void printHelp();
+    // The name, then ": version <version>" and " (build <build>)" when known.
+    std::string versionText();
     void printVersion();
     std::string applicationNameFromBlockOrDefault() const;
     std::optional<std::string> applicationVersionFromBlockOrNil() const;
     std::optional<std::string> applicationBuildFromBlockOrNil() const;
-    // Prints the block's text with %APPNAME, %APPVERSION and %APPBUILD
-    // replaced; an absent block prints an empty line.
+    // The block's text with %APPNAME, %APPVERSION and %APPBUILD replaced,
+    // as one line; an absent block gives an empty line.
+    std::string replacePlaceholdersInStringFromBlock(const StringBlock& block) const;
     void replacePlaceholdersAndPrintStringFromBlock(const StringBlock& block) const;
 
     // The table of every printable option's value at each level of the
     // chain starting at `settings`, preceded by the positional arguments.
+    std::string valuesTextFromSettings(GBSettings& settings);
     void printValuesFromSettings(GBSettings& settings);
 
   private:

@@ -6,16 +6,20 @@
 #include <cstdlib>
 
 void register_tool_options(cli::GBOptionsHelper& options) {
+    using cli::GBValueNone;
+    using cli::GBValueRequired;
     options.registerOption('c', std::string("config"), std::string("Read configurations from file"),
-                           0);
+                           GBValueRequired);
     options.registerOption(0, std::string("check"), std::string("Check configurations and exit"),
-                           2);
+                           GBValueNone);
     options.registerOption(0, std::string("create"), std::string("Create configurations and exit"),
-                           2);
+                           GBValueNone);
     options.registerOption(0, std::string("remove"), std::string("Remove configurations and exit"),
-                           2);
-    options.registerOption(0, std::string("verbose"), std::string("Print verbose logs"), 2);
-    options.registerOption('h', std::string("help"), std::string("Print help and exit"), 2);
+                           GBValueNone);
+    options.registerOption(0, std::string("verbose"), std::string("Print verbose logs"),
+                           GBValueNone);
+    options.registerOption('h', std::string("help"), std::string("Print help and exit"),
+                           GBValueNone);
 }
 
 cli::GBSettingsRef parse_args(int argc, char** argv) {

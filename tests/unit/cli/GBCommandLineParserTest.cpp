@@ -25,51 +25,44 @@ TEST(GBCommandLineParserRegistration, SwitchRegistersPlainAndNegatedLongNames) {
     parser.registerSwitch("verbose", 'v');
     const auto& byLong = parser.registeredOptionsByLongNames();
     ASSERT_EQ(byLong.size(), 2u);
-    const Value plain = byLong.at("verbose");
-    const Value negated = byLong.at("no-verbose");
-    EXPECT_EQ(plain.objectForKey("long").stringValue(), "verbose");
-    EXPECT_EQ(negated.objectForKey("long").stringValue(), "no-verbose");
-    EXPECT_EQ(plain.objectForKey("requirement").integerValue(), 2);
-    EXPECT_EQ(negated.objectForKey("requirement").integerValue(), 2);
-    EXPECT_EQ(plain.objectForKey("short").integerValue(), 'v');
-    EXPECT_TRUE(negated.objectForKey("short").isNil());
+    const GBOptionDataRef plain = byLong.at("verbose");
+    const GBOptionDataRef negated = byLong.at("no-verbose");
+    EXPECT_EQ(plain->longOption, "verbose");
+    EXPECT_EQ(negated->longOption, "no-verbose");
+    EXPECT_EQ(plain->requirement, GBValueNone);
+    EXPECT_EQ(negated->requirement, GBValueNone);
+    EXPECT_EQ(plain->shortOption, 'v');
+    EXPECT_FALSE(negated->shortOption.has_value());
+    EXPECT_FALSE(plain->negated);
+    EXPECT_TRUE(negated->negated);
     ASSERT_EQ(parser.registeredOptionsByShortNames().size(), 1u);
-    EXPECT_TRUE(parser.registeredOptionsByShortNames().at("v").isSameObject(plain));
-}
-
-TEST(GBCommandLineParserRegistration, RecordNumbersKeepTheirFactoryTypes) {
-    GBCommandLineParser parser;
-    parser.registerOption("config", 'c', GBValueRequired);
-    const Value record = parser.registeredOptionsByLongNames().at("config");
-    EXPECT_TRUE(record.isMutableDictionary());
-    EXPECT_EQ(record.objectForKey("requirement").numberType(), Value::NumberType::UnsignedInteger);
-    EXPECT_EQ(record.objectForKey("short").numberType(), Value::NumberType::Char);
-    EXPECT_EQ(record.count(), 3u);
+    EXPECT_EQ(parser.registeredOptionsByShortNames().at("v"), plain);
 }
 
 TEST(GBCommandLineParserRegistration, ShortcutZeroLeavesShortNamesUnchanged) {
     GBCommandLineParser parser;
     parser.registerOption("level", 0, GBValueRequired);
     EXPECT_TRUE(parser.registeredOptionsByShortNames().empty());
-    const Value record = parser.registeredOptionsByLongNames().at("level");
-    EXPECT_TRUE(record.objectForKey("short").isNil());
-    EXPECT_EQ(record.count(), 2u);
+    const GBOptionDataRef record = parser.registeredOptionsByLongNames().at("level");
+    EXPECT_FALSE(record->shortOption.has_value());
+    EXPECT_EQ(record->requirement, GBValueRequired);
 }
 
 TEST(GBCommandLineParserRegistration, NegativeShortcutByteGivesNoShortcut) {
     GBCommandLineParser parser;
     parser.registerOption("high", static_cast<char>(0xE9), GBValueOptional);
     EXPECT_TRUE(parser.registeredOptionsByShortNames().empty());
-    EXPECT_TRUE(parser.registeredOptionsByLongNames().at("high").objectForKey("short").isNil());
+    EXPECT_FALSE(parser.registeredOptionsByLongNames().at("high")->shortOption.has_value());
 }
 
 TEST(GBCommandLineParserRegistration, SameRecordIsReachableByLongAndShortName) {
     GBCommandLineParser parser;
     parser.registerOption("config", 'c', GBValueRequired);
-    const Value byLong = parser.optionDataForOption("--config", nullptr);
-    const Value byShort = parser.optionDataForOption("-c", nullptr);
-    ASSERT_FALSE(byLong.isNil());
-    EXPECT_TRUE(byLong.isSameObject(byShort));
+    const GBOptionLookup byLong = parser.optionDataForOption("--config", nullptr);
+    const GBOptionLookup byShort = parser.optionDataForOption("-c", nullptr);
+    ASSERT_EQ(byLong.kind, GBOptionLookup::option);
+    ASSERT_NE(byLong.data, nullptr);
+    EXPECT_EQ(byLong.data, byShort.data);
 }
 
 TEST(GBCommandLineParserRegistration, LaterDuplicateNameOrShortcutWins) {
@@ -77,11 +70,8 @@ TEST(GBCommandLineParserRegistration, LaterDuplicateNameOrShortcutWins) {
     parser.registerOption("a", 'x', GBValueRequired);
     parser.registerOption("b", 'x', GBValueOptional);
     parser.registerOption("b", GBValueRequired);
-    EXPECT_EQ(parser.registeredOptionsByShortNames().at("x").objectForKey("long").stringValue(),
-              "b");
-    EXPECT_EQ(
-        parser.registeredOptionsByLongNames().at("b").objectForKey("requirement").integerValue(),
-        0);
+    EXPECT_EQ(parser.registeredOptionsByShortNames().at("x")->longOption, "b");
+    EXPECT_EQ(parser.registeredOptionsByLongNames().at("b")->requirement, GBValueRequired);
 }
 
 TEST(GBCommandLineParserRegistration, RequirementThreeGetsNoNegatedTwin) {
@@ -100,11 +90,12 @@ TEST(GBCommandLineParserRegistration, GroupSetAnswersNoForTheNegatedSwitchName) 
     parser.beginRegisterOptionGroup("grp");
     parser.registerSwitch("verbose");
     parser.endRegisterOptionGroup();
-    const Value set = parser.registeredOptionGroupsByNames().at("grp");
+    const GBOptionGroup& set = *parser.registeredOptionGroupsByNames().at("grp");
     ASSERT_EQ(set.count(), 2u);
-    EXPECT_TRUE(set.containsObject(Value("verbose")));
-    EXPECT_FALSE(set.containsObject(Value("no-verbose")));
-    EXPECT_TRUE(set.containsObject(parser.registeredOptionsByLongNames().at("no-verbose")));
+    EXPECT_TRUE(set.contains("verbose"));
+    EXPECT_FALSE(set.contains("no-verbose"));
+    ASSERT_EQ(set.twins.size(), 1u);
+    EXPECT_EQ(set.twins[0], parser.registeredOptionsByLongNames().at("no-verbose"));
 }
 
 TEST(GBCommandLineParserRegistration, ShortcutsAreNotGroupMembers) {
@@ -112,8 +103,9 @@ TEST(GBCommandLineParserRegistration, ShortcutsAreNotGroupMembers) {
     parser.beginRegisterOptionGroup("grp");
     parser.registerOption("level", 'l', GBValueRequired);
     parser.endRegisterOptionGroup();
-    const Value set = parser.registeredOptionGroupsByNames().at("grp");
-    EXPECT_EQ(texts(set), std::vector<std::string>{"level"});
+    const GBOptionGroup& set = *parser.registeredOptionGroupsByNames().at("grp");
+    EXPECT_EQ(set.longNames, std::vector<std::string>{"level"});
+    EXPECT_EQ(set.count(), 1u);
 }
 
 TEST(GBCommandLineParserRegistration, SecondBeginOfOneGroupPrintsOnceAndJoinsTheFirstSet) {
@@ -124,7 +116,7 @@ TEST(GBCommandLineParserRegistration, SecondBeginOfOneGroupPrintsOnceAndJoinsThe
     parser.endRegisterOptionGroup();
     const std::string afterFirst = GetCapturedStderr();
     EXPECT_EQ(afterFirst, "");
-    const Value firstSet = parser.registeredOptionGroupsByNames().at("grp");
+    const GBOptionGroupRef firstSet = parser.registeredOptionGroupsByNames().at("grp");
 
     CaptureStderr();
     parser.beginRegisterOptionGroup("grp");
@@ -133,21 +125,21 @@ TEST(GBCommandLineParserRegistration, SecondBeginOfOneGroupPrintsOnceAndJoinsThe
     EXPECT_EQ(GetCapturedStderr(), "Group grp is already registered!");
 
     ASSERT_EQ(parser.registeredOptionGroupsByNames().size(), 1u);
-    EXPECT_TRUE(parser.registeredOptionGroupsByNames().at("grp").isSameObject(firstSet));
-    EXPECT_EQ(texts(firstSet), (std::vector<std::string>{"first", "second"}));
+    EXPECT_EQ(parser.registeredOptionGroupsByNames().at("grp"), firstSet);
+    EXPECT_EQ(firstSet->longNames, (std::vector<std::string>{"first", "second"}));
 }
 
 TEST(GBCommandLineParserRegistration, OptionsAfterEndBelongToNoGroup) {
     GBCommandLineParser parser;
     parser.beginRegisterOptionGroup("grp");
     parser.registerOption("inside", GBValueRequired);
-    EXPECT_FALSE(parser.currentOptionsGroupOptions().isNil());
+    EXPECT_NE(parser.currentOptionsGroupOptions(), nullptr);
     parser.endRegisterOptionGroup();
-    EXPECT_TRUE(parser.currentOptionsGroupOptions().isNil());
+    EXPECT_EQ(parser.currentOptionsGroupOptions(), nullptr);
     EXPECT_FALSE(parser.currentOptionsGroupName().has_value());
     parser.registerOption("outside", GBValueRequired);
-    const Value set = parser.registeredOptionGroupsByNames().at("grp");
-    EXPECT_FALSE(set.containsObject(Value("outside")));
+    const GBOptionGroup& set = *parser.registeredOptionGroupsByNames().at("grp");
+    EXPECT_FALSE(set.contains("outside"));
     EXPECT_EQ(set.count(), 1u);
 }
 
@@ -165,34 +157,37 @@ TEST(GBCommandLineParserQueries, OptionDataSplitsAtTheLastEquals) {
     GBCommandLineParser parser;
     parser.registerOption("a=b", GBValueRequired);
     Value value;
-    const Value record = parser.optionDataForOption("--a=b=c", &value);
-    ASSERT_FALSE(record.isNil());
-    EXPECT_EQ(record.objectForKey("long").stringValue(), "a=b");
+    const GBOptionLookup record = parser.optionDataForOption("--a=b=c", &value);
+    ASSERT_EQ(record.kind, GBOptionLookup::option);
+    EXPECT_EQ(record.data->longOption, "a=b");
     EXPECT_EQ(value.stringValue(), "c");
 }
 
-TEST(GBCommandLineParserQueries, SentinelsAreRecognisedByIdentity) {
+TEST(GBCommandLineParserQueries, BareWordsAreGroupNamesOrNotOptions) {
     GBCommandLineParser parser;
     parser.beginRegisterOptionGroup("grp");
     parser.endRegisterOptionGroup();
-    const Value group = parser.optionDataForOption("grp", nullptr);
-    EXPECT_TRUE(group.isSameObject(GBCommandLineParser::optionGroupResult()));
+    const GBOptionLookup group = parser.optionDataForOption("grp", nullptr);
+    EXPECT_EQ(group.kind, GBOptionLookup::group);
     EXPECT_EQ(parser.currentOptionsGroupName(), "grp");
-    const Value word = parser.optionDataForOption("word", nullptr);
-    EXPECT_TRUE(word.isSameObject(GBCommandLineParser::notAnOptionResult()));
-    // An option literally named "group" answers its record, not the sentinel.
+    EXPECT_EQ(parser.currentOptionsGroupOptions(),
+              parser.registeredOptionGroupsByNames().at("grp"));
+    const GBOptionLookup word = parser.optionDataForOption("word", nullptr);
+    EXPECT_EQ(word.kind, GBOptionLookup::notAnOption);
+    EXPECT_EQ(word.data, nullptr);
+    // An option literally named "group" answers its record, not a group.
     parser.registerOption("group", GBValueRequired);
-    const Value record = parser.optionDataForOption("--group", nullptr);
-    EXPECT_FALSE(record.isSameObject(GBCommandLineParser::optionGroupResult()));
-    EXPECT_TRUE(record.isDictionary());
+    const GBOptionLookup record = parser.optionDataForOption("--group", nullptr);
+    EXPECT_EQ(record.kind, GBOptionLookup::option);
+    EXPECT_EQ(record.data, parser.registeredOptionsByLongNames().at("group"));
 }
 
 TEST(GBCommandLineParserQueries, NoBundlingOfShortOptions) {
     GBCommandLineParser parser;
     parser.registerSwitch("a", 'a');
     parser.registerSwitch("b", 'b');
-    EXPECT_TRUE(parser.optionDataForOption("-ab", nullptr).isNil());
-    EXPECT_FALSE(parser.optionDataForOption("-a", nullptr).isNil());
+    EXPECT_EQ(parser.optionDataForOption("-ab", nullptr).kind, GBOptionLookup::unknown);
+    EXPECT_EQ(parser.optionDataForOption("-a", nullptr).kind, GBOptionLookup::option);
 }
 
 TEST(GBCommandLineParserQueries, OptionNameAndGroupNameTests) {

@@ -13,7 +13,7 @@ namespace {
 std::int64_t requirementOf(const GBCommandLineParser& parser, const std::string& name) {
     const auto found = parser.registeredOptionsByLongNames().find(name);
     if (found == parser.registeredOptionsByLongNames().end()) return -1;
-    return found->second.objectForKey("requirement").integerValue();
+    return found->second->requirement;
 }
 
 bool isRegistered(const GBCommandLineParser& parser, const std::string& name) {
@@ -32,10 +32,10 @@ TEST(GBOptionsHelperParserTest, ToolOptionsReachTheParserWithShortcutsAndRequire
     EXPECT_EQ(requirementOf(parser, "no-check"), 2);
     EXPECT_EQ(requirementOf(parser, "help"), 2);
     ASSERT_EQ(parser.registeredOptionsByShortNames().size(), 2u);
-    EXPECT_TRUE(parser.registeredOptionsByShortNames().at("c").isSameObject(
-        parser.registeredOptionsByLongNames().at("config")));
-    EXPECT_TRUE(parser.registeredOptionsByShortNames().at("h").isSameObject(
-        parser.registeredOptionsByLongNames().at("help")));
+    EXPECT_EQ(parser.registeredOptionsByShortNames().at("c"),
+              parser.registeredOptionsByLongNames().at("config"));
+    EXPECT_EQ(parser.registeredOptionsByShortNames().at("h"),
+              parser.registeredOptionsByLongNames().at("help"));
 }
 
 TEST(GBOptionsHelperParserTest, SeparatorsAndNoCommandLineOptionsAreNotHandedOver) {
@@ -59,8 +59,8 @@ TEST(GBOptionsHelperParserTest, EmptyGroupIsOpenedAndClosedAtOnce) {
     GBCommandLineParser parser;
     parser.registerOptions(options);
     ASSERT_EQ(parser.registeredOptionGroupsByNames().count("Advanced"), 1u);
-    EXPECT_EQ(parser.registeredOptionGroupsByNames().at("Advanced").count(), 0u);
-    EXPECT_TRUE(parser.currentOptionsGroupOptions().isNil());
+    EXPECT_EQ(parser.registeredOptionGroupsByNames().at("Advanced")->count(), 0u);
+    EXPECT_EQ(parser.currentOptionsGroupOptions(), nullptr);
     EXPECT_TRUE(isRegistered(parser, "after"));
 }
 
@@ -73,9 +73,9 @@ TEST(GBOptionsHelperParserTest, GroupMembersAreRegisteredInsideTheGroup) {
     options.registerOption(0, "outside", "", 0);
     GBCommandLineParser parser;
     parser.registerOptions(options);
-    const Value members = parser.registeredOptionGroupsByNames().at("Net");
-    EXPECT_TRUE(members.containsObject("host"));
-    EXPECT_FALSE(members.containsObject("outside"));
+    const GBOptionGroup& members = *parser.registeredOptionGroupsByNames().at("Net");
+    EXPECT_TRUE(members.contains("host"));
+    EXPECT_FALSE(members.contains("outside"));
 }
 
 TEST(GBOptionsHelperParserTest, NoCommandLineGroupIsNotOpenedButItsEndStillCloses) {
@@ -88,13 +88,13 @@ TEST(GBOptionsHelperParserTest, NoCommandLineGroupIsNotOpenedButItsEndStillClose
     parser.beginRegisterOptionGroup("Outer");
     parser.registerOptions(options);
     EXPECT_EQ(parser.registeredOptionGroupsByNames().count("Quiet"), 0u);
-    const Value outer = parser.registeredOptionGroupsByNames().at("Outer");
+    const GBOptionGroup& outer = *parser.registeredOptionGroupsByNames().at("Outer");
     // "inner" still reached the parser, landing in the group that was open;
     // the end record closed that group before "later".
-    EXPECT_TRUE(outer.containsObject("inner"));
-    EXPECT_FALSE(outer.containsObject("later"));
+    EXPECT_TRUE(outer.contains("inner"));
+    EXPECT_FALSE(outer.contains("later"));
     EXPECT_TRUE(isRegistered(parser, "later"));
-    EXPECT_TRUE(parser.currentOptionsGroupOptions().isNil());
+    EXPECT_EQ(parser.currentOptionsGroupOptions(), nullptr);
 }
 
 TEST(GBOptionsHelperParserTest, NoPrintAndNoHelpMarksDoNotKeepAnOptionFromTheParser) {

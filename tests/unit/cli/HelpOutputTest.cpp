@@ -11,7 +11,7 @@ namespace {
 using test::captureStdout;
 
 std::string helpOf(GBOptionsHelper& options) {
-    return captureStdout([&] { options.printHelp(); });
+    return options.helpText();
 }
 
 TEST(HelpOutputTest, OptionsAreAlignedOnTheLongestNameColumn) {
@@ -157,12 +157,12 @@ TEST(VersionOutputTest, NameVersionAndBuildMakeTheVersionLine) {
     options.setApplicationName([] { return std::string("tool"); });
     options.setApplicationVersion([] { return std::string("1.2"); });
     options.setApplicationBuild([] { return std::string("345"); });
-    EXPECT_EQ(captureStdout([&] { options.printVersion(); }), "tool: version 1.2 (build 345)\n");
+    EXPECT_EQ(options.versionText(), "tool: version 1.2 (build 345)\n");
 }
 
 TEST(VersionOutputTest, WithoutBlocksTheVersionLineIsTheProcessName) {
     GBOptionsHelper options;
-    EXPECT_EQ(captureStdout([&] { options.printVersion(); }), "cli_tests\n");
+    EXPECT_EQ(options.versionText(), "cli_tests\n");
     EXPECT_EQ(options.applicationNameFromBlockOrDefault(), "cli_tests");
     EXPECT_FALSE(options.applicationVersionFromBlockOrNil().has_value());
     EXPECT_FALSE(options.applicationBuildFromBlockOrNil().has_value());
@@ -172,14 +172,14 @@ TEST(VersionOutputTest, BuildWithoutVersionFollowsTheNameDirectly) {
     GBOptionsHelper options;
     options.setApplicationName([] { return std::string("tool"); });
     options.setApplicationBuild([] { return std::string("345"); });
-    EXPECT_EQ(captureStdout([&] { options.printVersion(); }), "tool (build 345)\n");
+    EXPECT_EQ(options.versionText(), "tool (build 345)\n");
 }
 
 TEST(VersionOutputTest, VersionWithoutBuild) {
     GBOptionsHelper options;
     options.setApplicationName([] { return std::string("tool"); });
     options.setApplicationVersion([] { return std::string("1.2"); });
-    EXPECT_EQ(captureStdout([&] { options.printVersion(); }), "tool: version 1.2\n");
+    EXPECT_EQ(options.versionText(), "tool: version 1.2\n");
 }
 
 TEST(PlaceholderTest, HeaderPlaceholdersAreReplacedWhenAllBlocksAreSet) {
@@ -205,13 +205,12 @@ TEST(PlaceholderTest, EveryOccurrenceIsReplacedAndBuildFillsItsPlaceholder) {
     const GBOptionsHelper::StringBlock text = [] {
         return std::string("%APPBUILD-%APPBUILD %APPVERSION");
     };
-    EXPECT_EQ(captureStdout([&] { options.replacePlaceholdersAndPrintStringFromBlock(text); }),
-              "7-7 %APPVERSION\n");
+    EXPECT_EQ(options.replacePlaceholdersInStringFromBlock(text), "7-7 %APPVERSION\n");
 }
 
 TEST(PlaceholderTest, AbsentBlockPrintsAnEmptyLine) {
     GBOptionsHelper options;
-    EXPECT_EQ(captureStdout([&] { options.replacePlaceholdersAndPrintStringFromBlock({}); }), "\n");
+    EXPECT_EQ(options.replacePlaceholdersInStringFromBlock({}), "\n");
 }
 
 TEST(PlaceholderTest, EachBlockIsAskedAgainAtEveryUse) {
@@ -224,8 +223,7 @@ TEST(PlaceholderTest, EachBlockIsAskedAgainAtEveryUse) {
         ++textCalls;
         return std::string("%APPNAME %APPVERSION %APPBUILD");
     };
-    EXPECT_EQ(captureStdout([&] { options.replacePlaceholdersAndPrintStringFromBlock(text); }),
-              "n1 v2 b3\n");
+    EXPECT_EQ(options.replacePlaceholdersInStringFromBlock(text), "n1 v2 b3\n");
     EXPECT_EQ(textCalls, 1);
     EXPECT_EQ(nameCalls, 1);
     EXPECT_EQ(versionCalls, 2);
@@ -238,8 +236,41 @@ TEST(PlaceholderTest, SubstitutedNameMayItselfCarryALaterPlaceholder) {
     options.setApplicationVersion([] { return std::string("9"); });
     options.setApplicationBuild([] { return std::string("1"); });
     const GBOptionsHelper::StringBlock text = [] { return std::string("%APPNAME"); };
+    EXPECT_EQ(options.replacePlaceholdersInStringFromBlock(text), "9\n");
+}
+
+TEST(HelpOutputTest, PrintHelpWritesTheHelpTextToStandardOutput) {
+    GBOptionsHelper options;
+    options.registerOption('c', "config", "Read configurations from file", 0);
+    options.registerOption(0, "verbose", "Print verbose logs", 2);
+    const std::string text = options.helpText();
+    EXPECT_EQ(text,
+              "\n-c --config <value> Read configurations from file \n"
+              "   --verbose        Print verbose logs \n\n");
+    EXPECT_EQ(captureStdout([&] { options.printHelp(); }), text);
+}
+
+TEST(HelpOutputTest, ALineIsCutAtANulAsCOutputWouldCutIt) {
+    GBOptionsHelper options;
+    options.registerOption(0, "one", std::string("first\0hidden", 12), 2);
+    options.registerOption(0, "two", "second", 2);
+    EXPECT_EQ(options.helpText(), "\n   --one first\n   --two second \n\n");
+}
+
+TEST(VersionOutputTest, PrintVersionWritesTheVersionLineToStandardOutput) {
+    GBOptionsHelper options;
+    options.setApplicationName([] { return std::string("tool"); });
+    options.setApplicationVersion([] { return std::string("1.2"); });
+    EXPECT_EQ(captureStdout([&] { options.printVersion(); }), "tool: version 1.2\n");
+}
+
+TEST(PlaceholderTest, PrintWritesTheReplacedLineToStandardOutput) {
+    GBOptionsHelper options;
+    options.setApplicationVersion([] { return std::string("1.2"); });
+    const GBOptionsHelper::StringBlock text = [] { return std::string("v%APPVERSION"); };
     EXPECT_EQ(captureStdout([&] { options.replacePlaceholdersAndPrintStringFromBlock(text); }),
-              "9\n");
+              "v1.2\n");
+    EXPECT_EQ(captureStdout([&] { options.replacePlaceholdersAndPrintStringFromBlock({}); }), "\n");
 }
 
 }  // namespace

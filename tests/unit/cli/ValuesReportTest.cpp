@@ -12,7 +12,7 @@ namespace {
 using test::captureStdout;
 
 std::string reportOf(GBOptionsHelper& options, GBSettings& settings) {
-    return captureStdout([&] { options.printValuesFromSettings(settings); });
+    return options.valuesTextFromSettings(settings);
 }
 
 struct TwoLevels {
@@ -78,7 +78,7 @@ TEST(ValuesReportTest, NoPrintOptionIsLeftOutAndNoHelpOptionIsKept) {
     only->setObject("s", "secret");
     only->setObject("i", "internal");
     EXPECT_EQ(reportOf(options, *only), "\n\nOption   L \ninternal i \n\n");
-    const std::string help = captureStdout([&] { options.printHelp(); });
+    const std::string help = options.helpText();
     EXPECT_NE(help.find("--secret"), std::string::npos);
     EXPECT_EQ(help.find("--internal"), std::string::npos);
 }
@@ -170,6 +170,24 @@ TEST(ValuesReportTest, ColumnsFollowTheChainOutwardFromTheGivenLevel) {
     top->setObject("3", "k");
     EXPECT_EQ(reportOf(options, *middle), "\n\nOption Middle Base \nk             1    \n\n");
     EXPECT_EQ(reportOf(options, *top), "\n\nOption Top Middle Base \nk      3          1    \n\n");
+}
+
+TEST(ValuesReportTest, PrintValuesWritesTheReportToStandardOutput) {
+    GBOptionsHelper options;
+    options.registerOption('c', "config", "", 0);
+    GBSettingsRef only = GBSettings::settingsWithName("Only", nullptr);
+    only->setObject("a.conf", "config");
+    const std::string text = options.valuesTextFromSettings(*only);
+    EXPECT_EQ(text, "\n\nOption Only   \nconfig a.conf \n\n");
+    EXPECT_EQ(captureStdout([&] { options.printValuesFromSettings(*only); }), text);
+}
+
+TEST(ValuesReportTest, ArgumentWithANulIsCutThereButItsLevelIsStillNamed) {
+    GBOptionsHelper options;
+    TwoLevels levels;
+    levels.current->addArgument(std::string("a\0b", 3));
+    EXPECT_EQ(options.valuesTextFromSettings(*levels.current),
+              "\n\n- a (Current)\n\n\nOption Current Factory \n\n");
 }
 
 }  // namespace
