@@ -47,6 +47,22 @@ std::string replaceAll(std::string text, const std::string& from, const std::str
     return text;
 }
 
+// The rows of a record that is no option: none for a group end, a blank
+// and a title row for a separator or a group. False for an option.
+bool appendNonOptionRows(const GBOptionsHelper& helper, std::vector<Row>& rows,
+                         std::uint64_t& lastSeparatorIndex, const OptionDefinition& option) {
+    if (helper.isOptionGroupEnd(option)) return true;
+    if (helper.isSeparator(option)) {
+        optionrows::appendSeparator(rows, lastSeparatorIndex, option);
+        return true;
+    }
+    if (helper.isOptionGroup(option)) {
+        optionrows::appendGroup(rows, option);
+        return true;
+    }
+    return false;
+}
+
 std::string arrayCellForLevel(GBSettings& level, const std::string& key) {
     std::string cell;
     bool first = true;
@@ -236,16 +252,7 @@ std::string GBOptionsHelper::helpText() {
     std::uint64_t lastSeparatorIndex = kNotFound;
 
     enumerateOptions([&](OptionDefinition& option, bool*) {
-        if (!isHelp(option)) return;
-        if (isOptionGroupEnd(option)) return;
-        if (isSeparator(option)) {
-            optionrows::appendSeparator(rows, lastSeparatorIndex, option);
-            return;
-        }
-        if (isOptionGroup(option)) {
-            optionrows::appendGroup(rows, option);
-            return;
-        }
+        if (!isHelp(option) || appendNonOptionRows(*this, rows, lastSeparatorIndex, option)) return;
         std::string shortColumn = "  ";
         if (option.shortOption() >= 1) {
             shortColumn = std::string("-") + static_cast<char>(option.shortOption());
@@ -311,16 +318,8 @@ std::string GBOptionsHelper::valuesTextFromSettings(GBSettings& settings) {
     rows.push_back(header);
 
     enumerateOptions([&](OptionDefinition& option, bool*) {
-        if (!isPrint(option)) return;
-        if (isOptionGroupEnd(option)) return;
-        if (isSeparator(option)) {
-            optionrows::appendSeparator(rows, lastSeparatorIndex, option);
+        if (!isPrint(option) || appendNonOptionRows(*this, rows, lastSeparatorIndex, option))
             return;
-        }
-        if (isOptionGroup(option)) {
-            optionrows::appendGroup(rows, option);
-            return;
-        }
         const std::string key = describe(option.longOption());
         Row row{key};
         widths[0] = std::max(widths[0], utf16Length(key));
