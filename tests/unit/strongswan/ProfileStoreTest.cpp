@@ -191,6 +191,7 @@ TEST_F(ProfileStoreTest, CorruptFilesAreLoadErrors) {
         {"missing protocol", replace("<key>IKEv2</key>", "<key>Other</key>")},
         {"enum out of range", replace("<key>DeadPeerDetectionRate</key>\n\t\t<integer>3</integer>",
                                       "<key>DeadPeerDetectionRate</key>\n\t\t<integer>9</integer>")},
+        {"larger than a mebibyte", good + std::string(1024 * 1024, ' ')},
     };
     fs::create_directories(file.parent_path());
     ss::ProfileStore store(file);
