@@ -158,6 +158,15 @@ class StrongSwanManagerTest : public ::testing::Test {
 
     platform::NEVPNStatus status() { return manager->connection()->status(); }
 
+    // A saved profile's tunnel up; returns the time just before its start.
+    platform::SystemClock::time_point connectedSince() {
+        make();
+        saveToolProfile();
+        auto since = platform::SystemClock::now();
+        startAndConnect();
+        return since;
+    }
+
     void startAndConnect() {
         auto error = manager->connection()->startVPNTunnel({"alice", kPassword});
         ASSERT_FALSE(error.has_value()) << error->description;
@@ -523,10 +532,7 @@ TEST_F(StrongSwanManagerTest, DownEventEndsTheTunnelAndLateLogLinesGiveTheReason
 }
 
 TEST_F(StrongSwanManagerTest, DownEventWithoutAReasonFromARunningCharonGivesNone) {
-    make();
-    saveToolProfile();
-    auto since = platform::SystemClock::now();
-    startAndConnect();
+    auto since = connectedSince();
     server.emit("ike-updown", updown(kConn, false, "DELETING"));
     ASSERT_TRUE(runUntil([&] { return status() == platform::NEVPNStatusDisconnected; }));
     EXPECT_EQ(manager->lastDisconnectError(since), "");
@@ -739,10 +745,7 @@ TEST_F(StrongSwanManagerTest, EndpointChangeWhileConnectedReasserts) {
 }
 
 TEST_F(StrongSwanManagerTest, CharonGoingAwayEndsTheTunnel) {
-    make();
-    saveToolProfile();
-    auto since = platform::SystemClock::now();
-    startAndConnect();
+    auto since = connectedSince();
     server.hangUpAll();
     ASSERT_TRUE(runUntil([&] { return status() == platform::NEVPNStatusDisconnected; }));
     EXPECT_EQ(manager->lastDisconnectError(since), "VPN service stopped");
@@ -1009,10 +1012,7 @@ TEST_F(StrongSwanManagerTest, TunnelRefusedUnderAnEstablishedIkeSaEndsTheStartWi
 }
 
 TEST_F(StrongSwanManagerTest, CharonShuttingDownUnderTheTunnelGivesTheReason) {
-    make();
-    saveToolProfile();
-    auto since = platform::SystemClock::now();
-    startAndConnect();
+    auto since = connectedSince();
     server.emit("log", logLine("SIGTERM received, shutting down", "", "DMN"));
     server.emit("ike-updown", updown(kConn, false, "DELETING"));
     ASSERT_TRUE(runUntil([&] { return status() == platform::NEVPNStatusDisconnected; }));
@@ -1022,10 +1022,7 @@ TEST_F(StrongSwanManagerTest, CharonShuttingDownUnderTheTunnelGivesTheReason) {
 TEST_F(StrongSwanManagerTest, CharonClosingRightAfterTheTunnelWentDownGivesTheReason) {
     // Shutting down, charon deletes the IKE_SA and closes its socket; its
     // own log line about it may be lost on the way.
-    make();
-    saveToolProfile();
-    auto since = platform::SystemClock::now();
-    startAndConnect();
+    auto since = connectedSince();
     server.emit("ike-updown", updown(kConn, false, "DELETING"));
     ASSERT_TRUE(runUntil([&] { return status() == platform::NEVPNStatusDisconnected; }));
     std::thread closing([&] {
@@ -1039,10 +1036,7 @@ TEST_F(StrongSwanManagerTest, CharonClosingRightAfterTheTunnelWentDownGivesTheRe
 TEST_F(StrongSwanManagerTest, CharonClosingTogetherWithTheDownEventGivesTheReason) {
     // The down event and the end of the stream are read at once, so the
     // stream is gone before the reason is asked for.
-    make();
-    saveToolProfile();
-    auto since = platform::SystemClock::now();
-    startAndConnect();
+    auto since = connectedSince();
     server.emit("ike-updown", updown(kConn, false, "DELETING"));
     server.hangUpAll();
     ASSERT_TRUE(runUntil([&] {
