@@ -30,11 +30,7 @@ init_one_established() { [ "$(lab_vici_init list-sas | grep -c ' ESTABLISHED')" 
 
 # Processes running the tool's binary, one pid a line.
 tool_processes() {
-  local p exe
-  exe=$(readlink -f "$TOOL")
-  for p in /proc/[0-9]*; do
-    [ "$(readlink "$p/exe" 2>/dev/null)" = "$exe" ] && echo "${p#/proc/}"
-  done
+  find /proc/[0-9]*/exe -maxdepth 0 -lname "$(readlink -f "$TOOL")" 2>/dev/null | cut -d/ -f3
 }
 no_tool_process() { [ -z "$(tool_processes)" ]; }
 
