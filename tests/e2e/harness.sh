@@ -252,6 +252,12 @@ t_reset() {
     lab_stop_charon resp
     lab_start_responder
   fi
+  # A case that ended the initiator's charon and failed before it started
+  # a new one leaves the next case without one.
+  if ! lab_alive "$LAB_INIT_PID"; then
+    lab_stop_charon init
+    lab_start_initiator >>"$LAB_DIR/lab.out" 2>&1
+  fi
   in_resp nft list table inet orvane_lab_drop >/dev/null 2>&1 && lab_unblock_responder
   in_init swanctl --terminate --ike "Orvane IKEv2" --force --timeout 2 >/dev/null 2>&1
   lab_resp_flush_sas
