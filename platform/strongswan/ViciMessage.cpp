@@ -1,8 +1,8 @@
 #include "platform/strongswan/ViciMessage.h"
 
-#include <fmt/format.h>
+#include "os/Memory.h"
 
-#include <string.h>
+#include <fmt/format.h>
 
 #include <utility>
 
@@ -34,11 +34,11 @@ ViciSection& ViciSection::addSection(std::string name) {
     return entries_.back().section;
 }
 
-ViciSection& ViciSection::addSecret(std::string name, std::string_view secret) {
+ViciSection& ViciSection::addSecret(std::string name, const Secret& secret) {
     ViciEntry& entry = entries_.emplace_back();
     entry.kind = ViciEntry::Kind::Value;
     entry.name = std::move(name);
-    entry.value.assign(secret.data(), secret.size());
+    entry.value.assign(secret.view());
     return *this;
 }
 
@@ -58,7 +58,7 @@ void secureWipe(std::string& text) {
     // Growing to the capacity zero-fills the tail, which may still hold
     // bytes of an earlier, longer content.
     text.resize(text.capacity());
-    explicit_bzero(text.data(), text.size());
+    os::wipeMemory(text.data(), text.size());
     text.clear();
 }
 

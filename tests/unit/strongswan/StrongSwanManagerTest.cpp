@@ -21,6 +21,7 @@ using fakecharon::Link;
 using fakecharon::logLine;
 using fakecharon::updown;
 using platform::NEVPNStatus;
+using platform::Secret;
 using ss::ViciEntry;
 using ss::ViciPacketType;
 using ss::ViciSection;
@@ -162,7 +163,7 @@ protected:
     platform::NEVPNStatus status() { return manager->connection()->status(); }
 
     void startAndConnect() {
-        auto error = manager->connection()->startVPNTunnel({"alice", kPassword});
+        auto error = manager->connection()->startVPNTunnel({"alice", Secret(kPassword)});
         ASSERT_FALSE(error.has_value()) << error->description;
         ASSERT_TRUE(runUntil([&] { return !server.requests("initiate").empty(); }));
         {
@@ -308,7 +309,7 @@ TEST_F(StrongSwanManagerTest, RemoveDeletesTheFileAndUnloadsTheConnection) {
 TEST_F(StrongSwanManagerTest, StartLoadsTheSecretThenInitiatesAndFollowsTheEvents) {
     make();
     saveToolProfile();
-    auto error = manager->connection()->startVPNTunnel({"alice", kPassword});
+    auto error = manager->connection()->startVPNTunnel({"alice", Secret(kPassword)});
     ASSERT_FALSE(error.has_value());
     EXPECT_EQ(status(), platform::NEVPNStatusConnecting);
     EXPECT_EQ(notifications, 0) << "notifications never run inside the call";
@@ -358,7 +359,7 @@ TEST_F(StrongSwanManagerTest, StartLoadsTheConnectionWhenTheSaveCouldNot) {
     ASSERT_TRUE(ss::ProfileStore(prefs).save({toolProfile(), true, kConn}, saveError));
     make();
     ASSERT_FALSE(call(&ss::StrongSwanManager::loadFromPreferences).has_value());
-    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", kPassword}).has_value());
+    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", Secret(kPassword)}).has_value());
     ASSERT_TRUE(runUntil([&] { return !server.requests("initiate").empty(); }));
     auto got = server.received();
     std::size_t load = indexOf(got, ViciPacketType::CmdRequest, "load-conn");
@@ -408,7 +409,7 @@ TEST_F(StrongSwanManagerTest, StartWaitsForTheSystemTrustAnchors) {
     ASSERT_TRUE(ss::ProfileStore(prefs).save({toolProfile(), true, kConn}, saveError));
     make([&](ss::StrongSwanOptions& o) { o.trustBundles = {(root / "bundle.pem").string()}; });
     ASSERT_FALSE(call(&ss::StrongSwanManager::loadFromPreferences).has_value());
-    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", kPassword}).has_value());
+    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", Secret(kPassword)}).has_value());
     ASSERT_TRUE(runUntil([&] { return !server.requests("initiate").empty(); }));
     auto got = server.received();
     std::size_t initiate = indexOf(got, ViciPacketType::CmdRequest, "initiate");
@@ -425,10 +426,10 @@ TEST_F(StrongSwanManagerTest, StartWaitsForTheSystemTrustAnchors) {
 TEST_F(StrongSwanManagerTest, StartIsRefusedWithoutCharonOrCredentials) {
     make();
     saveToolProfile();
-    EXPECT_TRUE(manager->connection()->startVPNTunnel({"alice", ""}).has_value());
-    EXPECT_TRUE(manager->connection()->startVPNTunnel({"", kPassword}).has_value());
+    EXPECT_TRUE(manager->connection()->startVPNTunnel({"alice", Secret("")}).has_value());
+    EXPECT_TRUE(manager->connection()->startVPNTunnel({"", Secret(kPassword)}).has_value());
     server.shutdown();
-    auto error = manager->connection()->startVPNTunnel({"alice", kPassword});
+    auto error = manager->connection()->startVPNTunnel({"alice", Secret(kPassword)});
     ASSERT_TRUE(error.has_value());
     EXPECT_EQ(error->code, ss::NEVPNErrorConnectionFailed);
     EXPECT_EQ(status(), platform::NEVPNStatusDisconnected);
@@ -440,7 +441,7 @@ TEST_F(StrongSwanManagerTest, RefusedSecretEndsTheStartWithoutInitiating) {
     });
     make();
     saveToolProfile();
-    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", kPassword}).has_value());
+    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", Secret(kPassword)}).has_value());
     ASSERT_TRUE(runUntil([&] { return status() == platform::NEVPNStatusDisconnected; }));
     EXPECT_TRUE(server.requests("initiate").empty());
     EXPECT_TRUE(logcapture::contains("shared key data missing"));
@@ -471,7 +472,7 @@ TEST_F(StrongSwanManagerTest, AuthenticationFailureGivesItsReason) {
     make();
     saveToolProfile();
     auto since = platform::SystemClock::now();
-    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", kPassword}).has_value());
+    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", Secret(kPassword)}).has_value());
     ASSERT_TRUE(runUntil([&] { return !server.requests("initiate").empty(); }));
     server.emit("log", logLine("EAP-MS-CHAPv2 failed with error ERROR_AUTHENTICATION_FAILURE: '(null)'"));
     server.emit("log", logLine("EAP_MSCHAPV2 method failed"));
@@ -486,7 +487,7 @@ TEST_F(StrongSwanManagerTest, TunnelThatVanishesWithoutAnEventIsDetected) {
     make();
     saveToolProfile();
     auto since = platform::SystemClock::now();
-    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", kPassword}).has_value());
+    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", Secret(kPassword)}).has_value());
     ASSERT_TRUE(runUntil([&] { return !server.requests("list-sas").empty(); }));
     EXPECT_EQ(status(), platform::NEVPNStatusConnecting) << "still listed";
     server.emit("log", logLine("retransmit 2 of request with message ID 0"));
@@ -508,7 +509,7 @@ TEST_F(StrongSwanManagerTest, TunnelThatVanishesWithoutAnEventIsDetected) {
 TEST_F(StrongSwanManagerTest, SetupIsCheckedOftenButAConnectedTunnelOnlyAtTheSlowInterval) {
     make([](ss::StrongSwanOptions& options) { options.establishedPollInterval = 1h; });
     saveToolProfile();
-    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", kPassword}).has_value());
+    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", Secret(kPassword)}).has_value());
     // While connecting, a setup that dies silently is looked for every 50 ms.
     ASSERT_TRUE(runUntil([&] { return server.requests("list-sas").size() >= 3; }, 1000ms));
     {
@@ -546,7 +547,7 @@ TEST_F(StrongSwanManagerTest, FailedInitiateEndsTheStart) {
     make();
     saveToolProfile();
     auto since = platform::SystemClock::now();
-    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", kPassword}).has_value());
+    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", Secret(kPassword)}).has_value());
     ASSERT_TRUE(runUntil([&] { return status() == platform::NEVPNStatusDisconnected; }));
     EXPECT_EQ(manager->lastDisconnectError(since), "server address not resolved");
     EXPECT_TRUE(logcapture::contains("establishing CHILD_SA 'orvane' failed"));
@@ -596,7 +597,7 @@ TEST_F(StrongSwanManagerTest, UnansweredLoadConnIsNoSaveError) {
 TEST_F(StrongSwanManagerTest, StopWhileConnectingEndsWithoutADownEvent) {
     make();
     saveToolProfile();
-    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", kPassword}).has_value());
+    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", Secret(kPassword)}).has_value());
     ASSERT_TRUE(runUntil([&] { return !server.requests("initiate").empty(); }));
     runUntil([] { return false; }, 30ms);
     manager->connection()->stopVPNTunnel();
@@ -624,7 +625,7 @@ TEST_F(StrongSwanManagerTest, ARestartedCharonGetsTheConnectionAgain) {
     ASSERT_TRUE(runUntil([&] { return status() == platform::NEVPNStatusDisconnected; }));
     EXPECT_FALSE(manager->connectionLoaded());
     std::size_t loads = server.requests("load-conn").size();
-    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", kPassword}).has_value());
+    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", Secret(kPassword)}).has_value());
     ASSERT_TRUE(runUntil([&] { return server.requests("initiate").size() == 2; }));
     EXPECT_EQ(server.requests("load-conn").size(), loads + 1);
 }

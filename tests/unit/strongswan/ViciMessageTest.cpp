@@ -326,7 +326,7 @@ TEST(ViciMessageTest, WipeEmptiesSectionsAndSecretsStayExact) {
     ViciSection s;
     s.reserve(3);
     s.add("id", "x");
-    s.addSecret("data", "hunter2 with spaces");
+    s.addSecret("data", platform::Secret("hunter2 with spaces"));
     s.addList("owners", {"alice"});
     EXPECT_EQ(s.get("data"), "hunter2 with spaces");
     s.wipe();

@@ -1,0 +1,50 @@
+#pragma once
+
+// A secret, such as the account password, carried from the configuration
+// line it was read in to the request that hands it to the VPN service.
+//
+// The bytes live in one heap block of exactly their size. The type cannot
+// be copied, only moved: a move hands the block over and leaves the source
+// empty, and destruction or assignment overwrites the old bytes with zeros
+// before they are freed. There is no stream or format output, so a secret
+// cannot reach a log line by accident; view() lends the bytes to the one
+// place that must read them, which must not keep a copy beyond its use.
+
+#include <cstddef>
+#include <string_view>
+
+namespace platform {
+
+class Secret {
+  public:
+    Secret() noexcept = default;
+    // Copies the bytes, once.
+    explicit Secret(std::string_view bytes);
+    Secret(Secret&& other) noexcept;
+    Secret& operator=(Secret&& other) noexcept;
+    Secret(const Secret&) = delete;
+    Secret& operator=(const Secret&) = delete;
+    ~Secret() { wipe(); }
+
+    std::string_view view() const noexcept { return {data_, size_}; }
+    std::size_t size() const noexcept { return size_; }
+    bool empty() const noexcept { return size_ == 0; }
+    // Zeros and frees the bytes; the secret is empty afterwards.
+    void wipe() noexcept;
+
+    friend bool operator==(const Secret& a, const Secret& b) noexcept {
+        return a.view() == b.view();
+    }
+    friend bool operator==(const Secret& a, std::string_view b) noexcept { return a.view() == b; }
+    // Byte order, so that secrets can be the keys of a std::map with
+    // std::less<> and be found by a string_view.
+    friend bool operator<(const Secret& a, const Secret& b) noexcept { return a.view() < b.view(); }
+    friend bool operator<(const Secret& a, std::string_view b) noexcept { return a.view() < b; }
+    friend bool operator<(std::string_view a, const Secret& b) noexcept { return a < b.view(); }
+
+  private:
+    char* data_ = nullptr;
+    std::size_t size_ = 0;
+};
+
+}  // namespace platform
