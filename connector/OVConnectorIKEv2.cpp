@@ -154,6 +154,7 @@ void OVConnectorIKEv2::startTunnel(const OptionalError& saveError) {
         startError = connection ? connection->startVPNTunnel(options)
                                 : OptionalError(NSError{0, "no connection"});
     }
+    wipeScratch();
     if (startError) {
         DDLogDebug("IKEv2 Start refused: {}", startError->description);
         // Deliberately the save handler's error, not the start error.

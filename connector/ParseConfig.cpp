@@ -23,7 +23,8 @@ std::string_view trim(std::string_view text) {
 }
 
 // The file's bytes pass through stdio's buffer and the line buffer: both are
-// ours, and both are wiped once the file is closed.
+// ours, and both are wiped once the file is closed, as is the stack that the
+// C library's reading and splitting used.
 struct ReadBuffers {
     char stream[BUFSIZ] = {};
     char line[256] = {};
@@ -67,5 +68,6 @@ std::optional<ConfigDictionary> ParseConfig(const std::string& path) {
         }
     }
     std::fclose(file);
+    platform::wipeScratch();
     return config;
 }

@@ -11,6 +11,13 @@ namespace os {
 // the memory is freed or goes out of scope right after.
 void wipeMemory(void* data, std::size_t size);
 
+// Zeros the vector registers and the caller-saved general registers, where
+// the last string and memory routines leave the data they worked on until
+// other work overwrites it; the dynamic linker's lazy binding and signal
+// delivery save those registers on the stack. x86-64 and arm64; nothing
+// elsewhere.
+void wipeRegisters();
+
 // Keeps this process's memory from other readers for the rest of its life.
 // Linux: the process is no longer dumpable, so no core file is written and
 // its /proc/PID/mem and ptrace are closed to every process that lacks

@@ -27,6 +27,13 @@ Secret& Secret::operator=(Secret&& other) noexcept {
     return *this;
 }
 
+// Not inlined, so that its frame is where the caller's callees were.
+[[gnu::noinline]] void wipeScratch() {
+    char room[64 * 1024];
+    os::wipeMemory(room, sizeof room);
+    os::wipeRegisters();
+}
+
 void Secret::wipe() noexcept {
     if (data_ != nullptr) {
         os::wipeMemory(data_, size_);

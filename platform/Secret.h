@@ -47,4 +47,11 @@ class Secret {
     std::size_t size_ = 0;
 };
 
+// Zeros what the functions the caller called leave behind of a secret they
+// worked on: 64 KiB of stack below the caller's frame (their buffers, the
+// registers they and the dynamic linker saved) and the registers (see
+// os::wipeRegisters). Call it when that work is done, from the function
+// that did it.
+void wipeScratch();
+
 }  // namespace platform
