@@ -17,6 +17,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -50,6 +51,9 @@ class ToolProcess {
         std::ofstream(path(name), std::ios::binary | std::ios::trunc) << text;
     }
 
+    // Runs in the child just before the tool is executed.
+    void setBeforeExec(std::function<void()> prepare) { beforeExec_ = std::move(prepare); }
+
     void start(const std::vector<std::string>& arguments) {
         std::vector<std::string> argvText{ORVANE_TOOL_TEST_BINARY};
         argvText.insert(argvText.end(), arguments.begin(), arguments.end());
@@ -76,6 +80,9 @@ class ToolProcess {
             ::sigprocmask(SIG_SETMASK, &none, nullptr);
             for (int signo : {SIGINT, SIGTERM, SIGUSR1}) {
                 ::signal(signo, SIG_DFL);
+            }
+            if (beforeExec_) {
+                beforeExec_();
             }
             std::vector<char*> argv;
             for (std::string& word : argvText) {
@@ -121,6 +128,7 @@ class ToolProcess {
     }
 
     void signal(int signo) const { ::kill(pid_, signo); }
+    pid_t pid() const { return pid_; }
     Clock::time_point exitedAt() const { return exitedAt_; }
     int termSignal() const { return termSignal_; }
 
@@ -164,6 +172,7 @@ class ToolProcess {
     int termSignal_ = 0;
     Clock::time_point startedAt_;
     Clock::time_point exitedAt_;
+    std::function<void()> beforeExec_;
 };
 
 }  // namespace testing_support
