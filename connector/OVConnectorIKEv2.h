@@ -10,6 +10,7 @@
 #include "platform/NEVPN.h"
 #include "platform/Secret.h"
 
+#include <cstddef>
 #include <functional>
 #include <map>
 #include <memory>
@@ -21,15 +22,18 @@
 // names none.
 inline constexpr const char* kDefaultRemoteID = "vpn.orvane.net";
 
+// Configuration files larger than this are refused (1 MiB).
+inline constexpr std::size_t kMaxConfigFileSize = 1024 * 1024;
+
 // What a configuration file says. The reader cannot tell which bytes are a
 // secret (a password line longer than a read even spills into a key), so
 // keys and values alike are wiped when the dictionary goes.
 using ConfigDictionary = std::map<platform::Secret, platform::Secret, std::less<>>;
 
 // Reads a key=value configuration file. Nil when the file cannot be opened
-// (after an error line); lines that do not match, or whose key or value is
-// not valid UTF-8, are skipped. Every buffer the file's bytes pass through
-// is wiped before it returns.
+// or is larger than kMaxConfigFileSize (after an error line); lines that do
+// not match, or whose key or value is not valid UTF-8, are skipped. Every
+// buffer the file's bytes pass through is wiped before it returns.
 std::optional<ConfigDictionary> ParseConfig(const std::string& path);
 
 // The log text of a status ("IKEv2 Connected", ...).

@@ -4,8 +4,11 @@
 #include "os/Memory.h"
 #include "platform/Utf8.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 
 using platform::Secret;
@@ -22,33 +25,61 @@ std::string_view trim(std::string_view text) {
     return text.substr(first, last - first + 1);
 }
 
-// The file's bytes pass through stdio's buffer and the line buffer: both are
-// ours, and both are wiped once the file is closed, as is the stack that the
-// C library's reading and splitting used.
-struct ReadBuffers {
-    char stream[BUFSIZ] = {};
-    char line[256] = {};
+// The file holds the password: every buffer its bytes pass through is wiped.
+void wipe(std::string& text) {
+    text.resize(text.capacity());
+    os::wipeMemory(text.data(), text.size());
+    text.clear();
+}
 
-    ReadBuffers() = default;
-    ~ReadBuffers() { os::wipeMemory(this, sizeof *this); }
-    ReadBuffers(const ReadBuffers&) = delete;
-    ReadBuffers& operator=(const ReadBuffers&) = delete;
-};
-
-}  // namespace
-
-std::optional<ConfigDictionary> ParseConfig(const std::string& path) {
-    FILE* file = std::fopen(path.c_str(), "r");
-    if (file == nullptr) {
-        const int error = errno;
-        DDLogError("parse_config {}: {}", path, std::strerror(error));
-        return std::nullopt;
+// Appends to `bytes`, wiping the old buffer when it has to grow.
+void appendWiping(std::string& bytes, const char* data, std::size_t size) {
+    if (bytes.size() + size > bytes.capacity()) {
+        std::string larger;
+        larger.reserve(std::max(2 * bytes.capacity(), bytes.size() + size));
+        larger.append(bytes);
+        wipe(bytes);
+        bytes.swap(larger);
     }
-    ReadBuffers buffers;
-    std::setvbuf(file, buffers.stream, _IOFBF, sizeof buffers.stream);
+    bytes.append(data, size);
+}
+
+// Reads at most `limit` bytes into `bytes`; false when the file holds more.
+bool readBounded(int fd, std::string& bytes, std::size_t limit) {
+    char chunk[8192];
+    bool tooLarge = false;
+    for (;;) {
+        const ssize_t n = ::read(fd, chunk, sizeof chunk);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        // A read error ends the file, as it ends a line-by-line read.
+        if (n <= 0) {
+            break;
+        }
+        appendWiping(bytes, chunk, static_cast<std::size_t>(n));
+        if (bytes.size() > limit) {
+            tooLarge = true;
+            break;
+        }
+    }
+    os::wipeMemory(chunk, sizeof chunk);
+    return !tooLarge;
+}
+
+std::optional<ConfigDictionary> parseLines(const std::string& bytes) {
     ConfigDictionary config;
-    char* const line = buffers.line;
-    while (std::fgets(line, sizeof buffers.line, file) != nullptr) {
+    // One line is what one fgets() into 256 bytes gives: up to and
+    // including a line feed, at most 255 bytes.
+    char line[256] = {};
+    std::size_t at = 0;
+    while (at < bytes.size()) {
+        const std::size_t end = bytes.find('\n', at);
+        const std::size_t size =
+            std::min<std::size_t>((end == std::string::npos ? bytes.size() : end + 1) - at, 255);
+        std::memcpy(line, bytes.data() + at, size);
+        line[size] = '\0';
+        at += size;
         const char* key = std::strtok(line, "=");
         if (key == nullptr) {
             continue;
@@ -67,7 +98,32 @@ std::optional<ConfigDictionary> ParseConfig(const std::string& path) {
             config.emplace(Secret(trimmedKey), Secret(trim(value)));
         }
     }
-    std::fclose(file);
+    os::wipeMemory(line, sizeof line);
+    return config;
+}
+
+}  // namespace
+
+std::optional<ConfigDictionary> ParseConfig(const std::string& path) {
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        const int error = errno;
+        DDLogError("parse_config {}: {}", path, std::strerror(error));
+        return std::nullopt;
+    }
+    std::string bytes;
+    const bool whole = readBounded(fd, bytes, kMaxConfigFileSize);
+    ::close(fd);
+    std::optional<ConfigDictionary> config;
+    if (whole) {
+        config = parseLines(bytes);
+    }
+    wipe(bytes);
+    // What the C library's copying and splitting left on the stack and in
+    // the registers.
     platform::wipeScratch();
+    if (!whole) {
+        DDLogError("parse_config {}: {}", path, std::strerror(EFBIG));
+    }
     return config;
 }

@@ -53,8 +53,23 @@ constexpr Rule kRules[] = {
     {R"(received DELETE for IKE_SA)", "deleted by peer"},
     // Our own note when charon went away under the tunnel.
     {R"(^charon closed the control connection$)", "VPN service stopped"},
+    // Our own note when the tunnel was stopped because the machine sleeps.
+    {R"(^logind: system going to sleep$)", "system going to sleep"},
     // Any other error notify the server sent while setting up.
     {R"(received ([A-Z0-9_]+) notify error)", ""},
+
+    // The VPN service itself: stopped, not there, not answering. Our own
+    // notes are whole lines; charon's shutdown line has no IKE_SA.
+    {R"(SIG[A-Z]+ received, shutting down)", "VPN service stopped"},
+    {R"(^charon is not running$)", "VPN service not running"},
+    {R"(^charon is not reachable$)", "VPN service not reachable"},
+    {R"(^charon did not answer$)", "VPN service not answering"},
+    {R"(^charon refused the profile$)", "VPN service refused the profile"},
+    // The IKE_SA came up but the tunnel (its CHILD_SA) was refused.
+    {R"(received NO_PROPOSAL_CHOSEN notify, no CHILD_SA built)", "no proposal chosen"},
+    {R"(received TS_UNACCEPTABLE notify, no CHILD_SA built)", "traffic selectors unacceptable"},
+    {R"(received ([A-Z0-9_]+) notify, no CHILD_SA built)", ""},
+    {R"(^charon built no tunnel$)", "tunnel not established"},
 };
 
 constexpr const char* kSilentEnds[] = {
@@ -129,6 +144,11 @@ std::optional<std::string> disconnectReasonForLine(const std::string& message) {
         }
     }
     return std::nullopt;
+}
+
+bool lineKeepsIkeSaWithoutTunnel(const std::string& message) {
+    static const RE2 pattern(R"(failed to establish CHILD_SA, keeping IKE_SA)");
+    return RE2::PartialMatch(message, pattern);
 }
 
 bool lineEndsSetupSilently(const std::string& message) {

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -295,8 +296,12 @@ bool ProfileStore::deserialize(const std::string& bytes, StoredProfile& profile,
     return true;
 }
 
-bool ProfileStore::load(std::optional<StoredProfile>& profile, NSError& error) const {
+bool ProfileStore::load(std::optional<StoredProfile>& profile, NSError& error,
+                        bool* corrupt) const {
     profile.reset();
+    if (corrupt != nullptr) {
+        *corrupt = false;
+    }
     Fd fd(::open(path_.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
     if (fd.get() < 0) {
         if (errno == ENOENT) {
@@ -340,6 +345,9 @@ bool ProfileStore::load(std::optional<StoredProfile>& profile, NSError& error) c
     if (!deserialize(bytes, loaded, why)) {
         error = makeVPNError(NEVPNErrorConfigurationInvalid,
                              fmt::format("corrupt preferences {}: {}", path_, why));
+        if (corrupt != nullptr) {
+            *corrupt = true;
+        }
         return false;
     }
     profile = std::move(loaded);
@@ -408,6 +416,15 @@ bool ProfileStore::save(const StoredProfile& profile, NSError& error) const {
         return false;
     }
     ::fsync(dir.get());
+    return true;
+}
+
+bool ProfileStore::setAside(NSError& error) const {
+    const std::string aside = path_ + ".corrupt";
+    if (::rename(path_.c_str(), aside.c_str()) != 0 && errno != ENOENT) {
+        error = ioError("cannot move aside", path_, errno);
+        return false;
+    }
     return true;
 }
 

@@ -4,6 +4,8 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+
 namespace platform::strongswan {
 
 std::optional<std::string> viciEncryption(NEVPNIKEv2EncryptionAlgorithm algorithm) {
@@ -141,17 +143,26 @@ std::string join(std::initializer_list<const std::string*> items) {
     return out;
 }
 
-// Lifetimes: rekey at 90 % of the lifetime, the rest is the hard margin.
+// Lifetimes. A CHILD_SA is rekeyed at 90 % of its lifetime. The IKE_SA is
+// rekeyed a margin before its lifetime ends: charon takes the same margin
+// (over_time) as the time it re-authenticates before a server's
+// AUTH_LIFETIME runs out, and re-authenticates at once, again and again,
+// when the server's lifetime is shorter than it. So the margin is 10 % of
+// the lifetime but at most 5 minutes, as the platform's client does it:
+// shortly before the server's deadline.
+constexpr std::int64_t kMaxIkeMarginSeconds = 300;
+
 void addLifetimes(ViciSection& section, std::int32_t minutes, bool ike) {
     if (minutes <= 0) {
         return;  // charon's defaults
     }
     std::int64_t seconds = std::int64_t{minutes} * 60;
-    std::int64_t rekey = seconds * 9 / 10;
-    section.add("rekey_time", fmt::format("{}s", rekey));
     if (ike) {
-        section.add("over_time", fmt::format("{}s", seconds - rekey));
+        std::int64_t margin = std::min(seconds / 10, kMaxIkeMarginSeconds);
+        section.add("rekey_time", fmt::format("{}s", seconds - margin));
+        section.add("over_time", fmt::format("{}s", margin));
     } else {
+        section.add("rekey_time", fmt::format("{}s", seconds * 9 / 10));
         section.add("life_time", fmt::format("{}s", seconds));
     }
 }

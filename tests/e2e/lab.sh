@@ -24,6 +24,8 @@
 #         itself finds that the identity is not in the certificate.
 #   noprop 192.0.2.5: like srv, but accepts only aes128-sha256-modp3072 for
 #         IKE, so the client's proposal is refused (NO_PROPOSAL_CHOSEN).
+#   More servers can join a running lab (lab_add_resp_conn): reauth, which
+#   demands re-authentication, and noesp, which refuses the tunnel's ESP.
 #   EAP-MSCHAPv2 user: $LAB_USER / $LAB_PASSWORD (random per run).
 #   The initiator trusts only the lab CA and gives up after ~4.4 s
 #   (retransmit_tries 2, timeout 1.0, base 1.4).
@@ -178,10 +180,11 @@ lab_forget_pid() {
 # ---------------------------------------------------------------- probe
 
 # Prints why this host cannot run the lab and fails, or succeeds silently.
+# Arguments: further commands a suite needs.
 lab_probe() {
   local c
   if [ "$(id -u)" -ne 0 ]; then echo "needs root (network namespaces, charon)"; return 1; fi
-  for c in ip nsenter unshare nft pki swanctl python3 ping mount; do
+  for c in ip nsenter unshare nft pki swanctl python3 ping mount "$@"; do
     command -v "$c" >/dev/null 2>&1 || { echo "missing command: $c"; return 1; }
   done
   [ -x "$LAB_CHARON" ] || { echo "missing strongSwan charon at $LAB_CHARON"; return 1; }
@@ -214,9 +217,10 @@ lab_probe_overlay() {
 }
 
 # Skip (status 77) with a reason, except under CI=true where a skip fails.
+# Arguments: as lab_probe.
 lab_require() {
   local why
-  if ! why=$(lab_probe); then
+  if ! why=$(lab_probe "$@"); then
     if [ "${CI:-}" = true ]; then
       echo "FAIL: cannot run on this host under CI: $why"
       exit 1
@@ -238,6 +242,9 @@ lab_init() {
   chmod 700 "$LAB_DIR"
   LAB_USER=alice$LAB_ID
   LAB_PASSWORD=Pw-$(od -An -N12 -tx1 /dev/urandom | tr -d ' \n')
+  # Whatever runs in the lab finds the system bus at the initiator's own
+  # /run/dbus/system_bus_socket (or none), never the machine's.
+  unset DBUS_SYSTEM_BUS_ADDRESS
   # Subshells inherit these traps (a subshell killed with SIGTERM runs them):
   # only the main shell may clean up.
   LAB_MAIN_PID=$BASHPID
@@ -732,6 +739,76 @@ lab_system_ca_remove() {
   lab_system_ca_edit remove "$1"
 }
 
+# ---------------------------------------------------------------- system bus
+
+# A private system bus in the initiator's namespaces: a dbus-daemon on
+# /run/dbus/system_bus_socket of the initiator's private /run, which is
+# where every sd-bus client there (orvane-ikev2, a logind stand-in) looks
+# for the system bus. The machine's own bus is never touched. Any client
+# may own any name on it (tests/logind/system-bus.conf).
+lab_bus_socket() { echo "/proc/$LAB_INIT_PID/root/run/dbus/system_bus_socket"; }
+
+lab_bus_ready() {
+  lab_alive "$1" || return 125
+  test -S "$(lab_bus_socket)"
+}
+
+lab_start_init_bus() {
+  local conf=$LAB_DIR/init/system-bus.conf pid
+  sed 's|@LISTEN@|unix:path=/run/dbus/system_bus_socket|' "$LAB_SRC_DIR/../logind/system-bus.conf" >"$conf" || return 1
+  run in_init mkdir -p /run/dbus || return 1
+  printf '[%s] + nsenter -t %s -m -n dbus-daemon --nofork --nopidfile --config-file=%s &\n' \
+    "$(date -u +%H:%M:%S.%3N)" "$LAB_INIT_PID" "$conf"
+  nsenter -t "$LAB_INIT_PID" -m -n dbus-daemon --nofork --nopidfile --config-file="$conf" \
+    >>"$LAB_DIR/dbus-init.out" 2>&1 </dev/null &
+  pid=$!
+  LAB_PIDS+=("$pid")
+  if ! wait_until 5 lab_bus_ready "$pid"; then
+    lab_log "the initiator's system bus did not open its socket within 5 s"
+    return 1
+  fi
+  lab_log "system bus in the initiator's namespaces: pid $pid"
+}
+
+# ---------------------------------------------------------------- more servers
+
+# Responder connections added to a running lab, each on an address of its
+# own at the responder (192.0.2.20 and up), kept across responder restarts.
+LAB_EXTRA_RESP_CONNS=()
+
+#   reauth 192.0.2.20: like srv, but demands re-authentication (AUTH_LIFETIME)
+#   noesp  192.0.2.21: like srv, but accepts no ESP proposal of the client's,
+#          so the IKE_SA comes up and the tunnel (CHILD_SA) is refused
+LAB_LINK_REAUTH=192.0.2.20
+LAB_REAUTH_CONN=reauth
+LAB_LINK_NOESP=192.0.2.21
+LAB_NOESP_CONN=noesp
+
+# lab_add_resp_conn NAME ADDRESS SED_SCRIPT: a connection like srv on
+# ADDRESS, its swanctl text edited by SED_SCRIPT; reloads the responder.
+lab_add_resp_conn() {
+  local name=$1 address=$2 edit=$3
+  run ip -n "$LAB_NS_RESP" addr add "$address/24" dev "$LAB_VETH_RESP" || return 1
+  {
+    echo "connections {"
+    lab_resp_conn "$name" "$address" server.pem "$LAB_SERVER_NAME" | sed "$edit"
+    echo "}"
+  } >>"$LAB_DIR/resp/swanctl.conf"
+  LAB_EXTRA_RESP_CONNS+=("$name")
+  lab_resp_load
+}
+
+# lab_add_reauth_responder SECONDS: the reauth server, demanding a new
+# authentication every SECONDS (no jitter).
+lab_add_reauth_responder() {
+  lab_add_resp_conn "$LAB_REAUTH_CONN" "$LAB_LINK_REAUTH" \
+    "/^    version = 2\$/a\\    reauth_time = ${1}s\\n    rand_time = 0s"
+}
+
+lab_add_noesp_responder() {
+  lab_add_resp_conn "$LAB_NOESP_CONN" "$LAB_LINK_NOESP" 's/esp_proposals = .*/esp_proposals = aes128-sha1/'
+}
+
 # ---------------------------------------------------------------- queries
 
 # Minimal VICI client (python3) run inside a namespace: vici.py CMD ...
@@ -748,7 +825,7 @@ lab_resp_no_sa() { [ "$(lab_resp_sa_count)" = 0 ]; }
 # Drop every IKE SA the responder holds (half-open ones included).
 lab_resp_flush_sas() {
   local c
-  for c in "${LAB_RESP_CONNS[@]}"; do
+  for c in "${LAB_RESP_CONNS[@]}" "${LAB_EXTRA_RESP_CONNS[@]}"; do
     in_resp swanctl --terminate --ike "$c" --force --timeout 2 >/dev/null 2>&1
   done
   wait_until 5 lab_resp_no_sa

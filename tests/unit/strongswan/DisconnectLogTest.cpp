@@ -212,4 +212,36 @@ TEST(DisconnectLogTest, RecognisesEndsWithoutADownEvent) {
     EXPECT_FALSE(ss::lineEndsSetupSilently("IKE_SA deleted"));
 }
 
+// The VPN service itself, and a tunnel refused under an established IKE_SA
+// (charon 5.9.8's lines, from the lab, and the backend's own notes).
+const LineCase kServiceAndTunnelLines[] = {
+    {"SIGTERM received, shutting down", "VPN service stopped"},
+    {"SIGINT received, shutting down", "VPN service stopped"},
+    {ss::kNoteCharonClosed, "VPN service stopped"},
+    {ss::kNoteCharonNotRunning, "VPN service not running"},
+    {ss::kNoteCharonNotReachable, "VPN service not reachable"},
+    {ss::kNoteCharonSilent, "VPN service not answering"},
+    {ss::kNoteCharonRefused, "VPN service refused the profile"},
+    {"received NO_PROPOSAL_CHOSEN notify, no CHILD_SA built", "no proposal chosen"},
+    {"received TS_UNACCEPTABLE notify, no CHILD_SA built", "traffic selectors unacceptable"},
+    {"received SINGLE_PAIR_REQUIRED notify, no CHILD_SA built",
+     "peer reported SINGLE_PAIR_REQUIRED"},
+    {ss::kNoteNoTunnel, "tunnel not established"},
+    {"failed to establish CHILD_SA, keeping IKE_SA", ""},
+    {"a line that merely mentions charon is not running", ""},
+};
+
+TEST(DisconnectLogTest, VpnServiceAndRefusedTunnelLinesGiveTheirReason) {
+    for (const auto& c : kServiceAndTunnelLines) {
+        auto reason = ss::disconnectReasonForLine(c.line);
+        EXPECT_EQ(reason.value_or(""), c.reason) << c.line;
+    }
+}
+
+TEST(DisconnectLogTest, RecognisesAnIkeSaKeptWithoutTheTunnel) {
+    EXPECT_TRUE(ss::lineKeepsIkeSaWithoutTunnel("failed to establish CHILD_SA, keeping IKE_SA"));
+    EXPECT_FALSE(ss::lineKeepsIkeSaWithoutTunnel(
+        "received NO_PROPOSAL_CHOSEN notify, no CHILD_SA built"));
+}
+
 }  // namespace

@@ -198,7 +198,9 @@ TEST_F(ProfileStoreTest, CorruptFilesAreLoadErrors) {
         writeFile(file, c.text);
         std::optional<ss::StoredProfile> loaded;
         NSError error;
-        EXPECT_FALSE(store.load(loaded, error)) << c.what;
+        bool corrupt = false;
+        EXPECT_FALSE(store.load(loaded, error, &corrupt)) << c.what;
+        EXPECT_TRUE(corrupt) << c.what;
         EXPECT_FALSE(loaded.has_value()) << c.what;
         EXPECT_NE(error.code, 0) << c.what;
         EXPECT_NE(error.description.find("preferences"), std::string::npos) << c.what;
@@ -210,8 +212,23 @@ TEST_F(ProfileStoreTest, UnreadableFileIsALoadError) {
     ss::ProfileStore store(file);
     std::optional<ss::StoredProfile> loaded;
     NSError error;
-    EXPECT_FALSE(store.load(loaded, error));
+    bool corrupt = true;
+    EXPECT_FALSE(store.load(loaded, error, &corrupt));
+    EXPECT_FALSE(corrupt) << "unreadable is not corrupt";
     EXPECT_EQ(error.code, ss::NEVPNErrorConfigurationReadWriteFailed);
+}
+
+TEST_F(ProfileStoreTest, CorruptFileIsKeptAsideReplacingAnEarlierOne) {
+    fs::create_directories(file.parent_path());
+    ss::ProfileStore store(file);
+    const fs::path aside = file.string() + ".corrupt";
+    writeFile(aside, "older");
+    writeFile(file, "not a property list");
+    NSError error;
+    ASSERT_TRUE(store.setAside(error)) << error.description;
+    EXPECT_FALSE(fs::exists(file));
+    EXPECT_EQ(readFile(aside), "not a property list");
+    EXPECT_TRUE(store.setAside(error)) << "nothing to keep aside is no error";
 }
 
 TEST_F(ProfileStoreTest, RemoveDeletesAndToleratesAMissingFile) {

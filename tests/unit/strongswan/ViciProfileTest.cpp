@@ -54,8 +54,8 @@ TEST(ViciProfileTest, ToolProfileBecomesTheExpectedTypedConnection) {
         {{c, "proposals"}, K::List, {"aes256-sha256-modp2048"}},
         {{c, "send_certreq"}, K::Value, {"no"}},
         {{c, "dpd_delay"}, K::Value, {"60s"}},
-        {{c, "rekey_time"}, K::Value, {"77760s"}},
-        {{c, "over_time"}, K::Value, {"8640s"}},
+        {{c, "rekey_time"}, K::Value, {"86100s"}},
+        {{c, "over_time"}, K::Value, {"300s"}},
         {{c, "local", "auth"}, K::Value, {"eap-mschapv2"}},
         {{c, "local", "id"}, K::Value, {"fqdn:alice"}},
         {{c, "local", "eap_id"}, K::Value, {"fqdn:alice"}},
@@ -311,3 +311,25 @@ TEST(ViciProfileTest, ControlMessages) {
 }
 
 }  // namespace
+
+TEST(ViciProfileTest, IkeSaIsRekeyedFiveMinutesBeforeALongLifetimeEnds) {
+    // charon re-authenticates this margin before a server's AUTH_LIFETIME
+    // ends: an hour-long server lifetime must not look already due.
+    ViciSection message;
+    std::string error;
+    ASSERT_TRUE(ss::buildLoadConn(testprofile::toolProfile(), message, error)) << error;
+    const ViciSection& conn = *message.section("Orvane IKEv2");
+    EXPECT_EQ(conn.get("rekey_time"), "86100s");
+    EXPECT_EQ(conn.get("over_time"), "300s");
+}
+
+TEST(ViciProfileTest, ShortIkeLifetimeKeepsATenPercentMargin) {
+    auto p = testprofile::toolProfile();
+    p.IKESecurityAssociationParameters.lifetimeMinutes = 10;
+    ViciSection message;
+    std::string error;
+    ASSERT_TRUE(ss::buildLoadConn(p, message, error)) << error;
+    const ViciSection& conn = *message.section("Orvane IKEv2");
+    EXPECT_EQ(conn.get("rekey_time"), "540s");
+    EXPECT_EQ(conn.get("over_time"), "60s");
+}
