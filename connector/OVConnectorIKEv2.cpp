@@ -154,6 +154,7 @@ void OVConnectorIKEv2::startTunnel(const OptionalError& saveError) {
         startError = connection ? connection->startVPNTunnel(options)
                                 : OptionalError(NSError{0, "no connection"});
     }
+    // What the backend's copying left on the stack and in the registers.
     wipeScratch();
     if (startError) {
         DDLogDebug("IKEv2 Start refused: {}", startError->description);

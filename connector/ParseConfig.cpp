@@ -26,19 +26,13 @@ std::string_view trim(std::string_view text) {
 }
 
 // The file holds the password: every buffer its bytes pass through is wiped.
-void wipe(std::string& text) {
-    text.resize(text.capacity());
-    os::wipeMemory(text.data(), text.size());
-    text.clear();
-}
-
 // Appends to `bytes`, wiping the old buffer when it has to grow.
 void appendWiping(std::string& bytes, const char* data, std::size_t size) {
     if (bytes.size() + size > bytes.capacity()) {
         std::string larger;
         larger.reserve(std::max(2 * bytes.capacity(), bytes.size() + size));
         larger.append(bytes);
-        wipe(bytes);
+        os::wipeString(bytes);
         bytes.swap(larger);
     }
     bytes.append(data, size);
@@ -118,10 +112,7 @@ std::optional<ConfigDictionary> ParseConfig(const std::string& path) {
     if (whole) {
         config = parseLines(bytes);
     }
-    wipe(bytes);
-    // What the C library's copying and splitting left on the stack and in
-    // the registers.
-    platform::wipeScratch();
+    os::wipeString(bytes);
     if (!whole) {
         DDLogError("parse_config {}: {}", path, std::strerror(EFBIG));
     }

@@ -4,6 +4,7 @@
 // memory from other readers while it holds one. One implementation per OS.
 
 #include <cstddef>
+#include <string>
 
 namespace os {
 
@@ -11,12 +12,15 @@ namespace os {
 // the memory is freed or goes out of scope right after.
 void wipeMemory(void* data, std::size_t size);
 
-// Zeros the vector registers and the caller-saved general registers, where
-// the last string and memory routines leave the data they worked on until
-// other work overwrites it; the dynamic linker's lazy binding and signal
-// delivery save those registers on the stack. x86-64 and arm64; nothing
-// elsewhere.
-void wipeRegisters();
+// Zeros a string's whole buffer (the bytes past its length too), then
+// empties it.
+inline void wipeString(std::string& text) {
+    // Growing to the capacity zero-fills the tail, which may still hold
+    // bytes of an earlier, longer content.
+    text.resize(text.capacity());
+    wipeMemory(text.data(), text.size());
+    text.clear();
+}
 
 // Keeps this process's memory from other readers for the rest of its life.
 // Linux: the process is no longer dumpable, so no core file is written and

@@ -31,7 +31,6 @@ Secret& Secret::operator=(Secret&& other) noexcept {
 [[gnu::noinline]] void wipeScratch() {
     char room[64 * 1024];
     os::wipeMemory(room, sizeof room);
-    os::wipeRegisters();
 }
 
 void Secret::wipe() noexcept {

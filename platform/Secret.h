@@ -9,6 +9,16 @@
 // before they are freed. There is no stream or format output, so a secret
 // cannot reach a log line by accident; view() lends the bytes to the one
 // place that must read them, which must not keep a copy beyond its use.
+//
+// The account password's use ends when the backend has handed it to the
+// system. Linux: when the load-shared request that carries it has been
+// written to charon's VICI socket; charon keeps the EAP secret loaded while
+// the tool runs, and from then on the process holds no byte of it (the
+// configuration reader, the connector and the request buffers are wiped,
+// and the start options are destroyed once the request is queued). macOS:
+// when startVPNTunnelWithOptions: returns; the NSString handed to the
+// framework wipes its characters when released, but what the framework
+// derives from it is out of reach.
 
 #include <cstddef>
 #include <string_view>
@@ -48,10 +58,10 @@ class Secret {
 };
 
 // Zeros what the functions the caller called leave behind of a secret they
-// worked on: 64 KiB of stack below the caller's frame (their buffers, the
-// registers they and the dynamic linker saved) and the registers (see
-// os::wipeRegisters). Call it when that work is done, from the function
-// that did it.
+// worked on: 64 KiB of stack below the caller's frame, which holds their
+// buffers and the registers that they and the dynamic linker's lazy binding
+// (in the shared libraries, which bind on first call) saved there. Call it
+// when that work is done, from the function that did it.
 void wipeScratch();
 
 }  // namespace platform

@@ -130,10 +130,6 @@ bool encodeViciFrame(const ViciPacket& packet, std::string& out, std::string& er
 bool encodeViciFrame(ViciPacketType type, std::string_view name, const ViciSection* message,
                      std::string& out, std::string& error);
 
-// Zeros a string's whole buffer (the bytes past its length too), then
-// empties it.
-void secureWipe(std::string& text);
-
 // Cuts a byte stream into packets. Feed it what the socket gave; take
 // complete packets with `next`. A zero or oversized frame length poisons the
 // reader: the stream cannot be resynchronised after it.

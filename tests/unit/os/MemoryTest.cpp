@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <array>
+#include <string>
 
 #if defined(__linux__)
 #include <sys/prctl.h>
@@ -18,6 +19,15 @@ TEST(MemoryTest, WipeMemoryZerosEveryByte) {
     os::wipeMemory(bytes.data(), bytes.size());
     EXPECT_TRUE(std::all_of(bytes.begin(), bytes.end(), [](unsigned char b) { return b == 0; }));
     os::wipeMemory(nullptr, 0);
+}
+
+TEST(MemoryTest, WipeStringZerosTheWholeBufferAndEmptiesIt) {
+    std::string text = "a secret long enough to live on the heap";
+    text = "short";
+    os::wipeString(text);
+    EXPECT_TRUE(text.empty());
+    text.resize(text.capacity());
+    EXPECT_EQ(text, std::string(text.size(), '\0'));
 }
 
 TEST(MemoryTest, DenyingMemoryInspectionKeepsCoresAndSameUserReadersOut) {
