@@ -77,8 +77,9 @@ TEST_F(PasswordMemoryTest, PasswordLineCutAcrossTwoReadsLeavesNoCopyInAKey) {
         const auto config = ParseConfig(path_);
         ASSERT_TRUE(config.has_value());
         ASSERT_EQ(config->size(), 2u);
-        const auto spilled = config->find("password") == config->begin() ? std::next(config->begin())
-                                                                         : config->begin();
+        const auto spilled = config->find("password") == config->begin()
+                                 ? std::next(config->begin())
+                                 : config->begin();
         EXPECT_EQ(spilled->first.size(), 24u);
         EXPECT_EQ(spilled->second, "tail");
     });

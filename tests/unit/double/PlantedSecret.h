@@ -101,8 +101,8 @@ class WindowSearch {
 class MappedBuffer {
   public:
     explicit MappedBuffer(std::size_t size) : size_(size) {
-        void* memory = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS,
-                              -1, 0);
+        void* memory =
+            ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
         data_ = memory == MAP_FAILED ? nullptr : static_cast<unsigned char*>(memory);
     }
     ~MappedBuffer() {
@@ -196,8 +196,8 @@ inline MemoryScan scanMemory(pid_t pid, const WindowSearch& search) {
                 search.search(chunk.data(), got, [&](std::size_t offset) {
                     if (result.hits++ == 0) {
                         result.firstHit = at + offset;
-                        std::snprintf(result.firstHitMapping, sizeof result.firstHitMapping,
-                                      "%s", line + nameAt);
+                        std::snprintf(result.firstHitMapping, sizeof result.firstHitMapping, "%s",
+                                      line + nameAt);
                     }
                 });
                 if (got < want) {
@@ -242,8 +242,7 @@ class PlantedSecret {
     }
 
     // Writes `before`, the password and `after` to a new file (mode 0600).
-    bool writeFile(const std::string& path, std::string_view before,
-                   std::string_view after) const {
+    bool writeFile(const std::string& path, std::string_view before, std::string_view after) const {
         const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
         if (fd < 0) {
             return false;
@@ -297,8 +296,8 @@ class PlantedSecret {
 // text needs at least kWindow bytes.
 inline MemoryScan scanMemoryForText(pid_t pid, std::string_view text) {
     return detail::scanMemory(
-        pid, detail::WindowSearch(reinterpret_cast<const unsigned char*>(text.data()),
-                                  text.size(), 0));
+        pid,
+        detail::WindowSearch(reinterpret_cast<const unsigned char*>(text.data()), text.size(), 0));
 }
 
 // Runs `body` 64 KiB further down the stack than the caller, below anything

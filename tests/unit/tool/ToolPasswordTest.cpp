@@ -24,9 +24,9 @@ namespace {
 const std::string kUser = "alice-in-memory";
 
 void writeConfig(const ToolProcess& tool, const PlantedSecret& planted) {
-    ASSERT_TRUE(planted.writeFile(tool.path("client.conf"),
-                                  "ip=203.0.113.7\nusername=" + kUser + "\npassword=",
-                                  "\nremote=gw.example.net\n"));
+    ASSERT_TRUE(planted.writeFile(
+        tool.path("client.conf"),
+        "ip=203.0.113.7\nusername=" + kUser + "\npassword=", "\nremote=gw.example.net\n"));
 }
 
 }  // namespace
