@@ -135,7 +135,7 @@ void ViciClient::startNext() {
                               return;
                           }
                           if (!self->queue_.empty() && self->queue_.front().id == id) {
-                              secureWipe(self->queue_.front().frame);
+                              os::wipeString(self->queue_.front().frame);
                           }
                           if (ec && self->open_) {
                               self->fail(fmt::format("write failed: {}", ec.message()), true);
@@ -275,7 +275,7 @@ void ViciClient::fail(const std::string& reason, bool notifyClosed) {
     std::deque<Operation> failed;
     failed.swap(queue_);
     for (auto& op : failed) {
-        secureWipe(op.frame);
+        os::wipeString(op.frame);
         if (op.handler) {
             ViciReply reply;
             reply.error = reason;
@@ -401,7 +401,7 @@ bool ViciSyncClient::send(const std::string& command, const ViciSection& message
     std::string frame;
     bool ok = encodeViciFrame(ViciPacketType::CmdRequest, command, &message, frame, error) &&
               writeAll(frame, deadline, error);
-    secureWipe(frame);
+    os::wipeString(frame);
     if (!ok) {
         closeSocket();
     }
@@ -520,7 +520,7 @@ ViciReply ViciSyncClient::exchange(ViciPacketType type, const std::string& name,
     std::string frame;
     bool written = encodeViciFrame(type, name, message, frame, reply.error) &&
                    writeAll(frame, deadline, reply.error);
-    secureWipe(frame);
+    os::wipeString(frame);
     if (!written) {
         closeSocket();
         return reply;

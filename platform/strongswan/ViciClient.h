@@ -12,6 +12,7 @@
 // must have gone out (or come back) before the caller returns; every wait
 // on it is bounded.
 
+#include "os/Memory.h"
 #include "platform/strongswan/ViciMessage.h"
 
 #include <asio/io_context.hpp>
@@ -105,7 +106,7 @@ private:
         std::string frame;
         ViciReplyHandler handler;
         std::chrono::milliseconds timeout{};
-        ~Operation() { secureWipe(frame); }
+        ~Operation() { os::wipeString(frame); }
         Operation() = default;
         Operation(Operation&&) = default;
         Operation& operator=(Operation&&) = default;

@@ -291,6 +291,43 @@ for pid in filter(str.isdigit, os.listdir("/proc")):
 PY
 }
 
+# memory_pieces PID WINDOW FILE: how many runs of WINDOW bytes of the words
+# in FILE (one a line) the readable memory of PID holds, then the bytes it
+# read and where the first run is. WINDOW 0 searches for whole words.
+memory_pieces() {
+  python3 - "$@" <<'PY'
+import re, sys
+pid, window, path = sys.argv[1], int(sys.argv[2]), sys.argv[3]
+words = [w.encode() for w in open(path).read().split("\n") if w]
+pieces = set()
+for w in words:
+    n = window or len(w)
+    pieces.update(w[i:i + n] for i in range(len(w) - n + 1))
+hits, read, first = 0, 0, "-"
+with open("/proc/%s/maps" % pid) as maps, open("/proc/%s/mem" % pid, "rb", 0) as mem:
+    for line in maps:
+        f = line.split()
+        name = f[5] if len(f) > 5 else ""
+        if f[1][0] != "r" or name in ("[vvar]", "[vvar_vclock]", "[vsyscall]"):
+            continue
+        start, end = (int(x, 16) for x in f[0].split("-"))
+        try:
+            mem.seek(start)
+            data = mem.read(end - start)
+        except (OSError, OverflowError, ValueError):
+            continue
+        read += len(data)
+        for p in pieces:
+            at = data.find(p)
+            while at >= 0:
+                if hits == 0:
+                    first = "%#x %s" % (start + at, name)
+                hits += 1
+                at = data.find(p, at + 1)
+print(hits, read, first)
+PY
+}
+
 # String values anywhere in a property list file (XML or binary), one a line.
 plist_strings() {
   python3 - "$1" <<'PY'

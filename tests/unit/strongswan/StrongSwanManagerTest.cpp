@@ -23,6 +23,7 @@ using fakecharon::Link;
 using fakecharon::logLine;
 using fakecharon::updown;
 using platform::NEVPNStatus;
+using platform::Secret;
 using ss::ViciEntry;
 using ss::ViciPacketType;
 using ss::ViciSection;
@@ -168,7 +169,7 @@ class StrongSwanManagerTest : public ::testing::Test {
     }
 
     void startAndConnect() {
-        auto error = manager->connection()->startVPNTunnel({"alice", kPassword});
+        auto error = manager->connection()->startVPNTunnel({"alice", Secret(kPassword)});
         ASSERT_FALSE(error.has_value()) << error->description;
         ASSERT_TRUE(runUntil([&] { return !server.requests("initiate").empty(); }));
         {
@@ -351,7 +352,7 @@ TEST_F(StrongSwanManagerTest, RemoveDeletesTheFileAndUnloadsTheConnection) {
 TEST_F(StrongSwanManagerTest, StartLoadsTheSecretThenInitiatesAndFollowsTheEvents) {
     make();
     saveToolProfile();
-    auto error = manager->connection()->startVPNTunnel({"alice", kPassword});
+    auto error = manager->connection()->startVPNTunnel({"alice", Secret(kPassword)});
     ASSERT_FALSE(error.has_value());
     EXPECT_EQ(status(), platform::NEVPNStatusConnecting);
     EXPECT_EQ(notifications, 0) << "notifications never run inside the call";
@@ -402,7 +403,7 @@ TEST_F(StrongSwanManagerTest, StartLoadsTheConnectionWhenTheSaveCouldNot) {
     ASSERT_TRUE(ss::ProfileStore(prefs).save({toolProfile(), true, kConn}, saveError));
     make();
     ASSERT_FALSE(call(&ss::StrongSwanManager::loadFromPreferences).has_value());
-    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", kPassword}).has_value());
+    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", Secret(kPassword)}).has_value());
     ASSERT_TRUE(runUntil([&] { return !server.requests("initiate").empty(); }));
     auto got = server.received();
     std::size_t load = indexOf(got, ViciPacketType::CmdRequest, "load-conn");
@@ -452,7 +453,7 @@ TEST_F(StrongSwanManagerTest, StartWaitsForTheSystemTrustAnchors) {
     ASSERT_TRUE(ss::ProfileStore(prefs).save({toolProfile(), true, kConn}, saveError));
     make([&](ss::StrongSwanOptions& o) { o.trustBundles = {(root / "bundle.pem").string()}; });
     ASSERT_FALSE(call(&ss::StrongSwanManager::loadFromPreferences).has_value());
-    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", kPassword}).has_value());
+    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", Secret(kPassword)}).has_value());
     ASSERT_TRUE(runUntil([&] { return !server.requests("initiate").empty(); }));
     auto got = server.received();
     std::size_t initiate = indexOf(got, ViciPacketType::CmdRequest, "initiate");
@@ -469,8 +470,8 @@ TEST_F(StrongSwanManagerTest, StartWaitsForTheSystemTrustAnchors) {
 TEST_F(StrongSwanManagerTest, StartIsRefusedWithoutCredentials) {
     make();
     saveToolProfile();
-    EXPECT_TRUE(manager->connection()->startVPNTunnel({"alice", ""}).has_value());
-    EXPECT_TRUE(manager->connection()->startVPNTunnel({"", kPassword}).has_value());
+    EXPECT_TRUE(manager->connection()->startVPNTunnel({"alice", Secret("")}).has_value());
+    EXPECT_TRUE(manager->connection()->startVPNTunnel({"", Secret(kPassword)}).has_value());
     EXPECT_EQ(status(), platform::NEVPNStatusDisconnected);
 }
 
@@ -479,7 +480,7 @@ TEST_F(StrongSwanManagerTest, StartWithoutCharonEndsWithTheReasonThatItIsNotRunn
     saveToolProfile();
     server.shutdown();
     auto since = platform::SystemClock::now();
-    EXPECT_FALSE(manager->connection()->startVPNTunnel({"alice", kPassword}).has_value());
+    EXPECT_FALSE(manager->connection()->startVPNTunnel({"alice", Secret(kPassword)}).has_value());
     EXPECT_EQ(status(), platform::NEVPNStatusConnecting);
     ASSERT_TRUE(runUntil([&] { return status() == platform::NEVPNStatusDisconnected; }));
     EXPECT_EQ(manager->lastDisconnectError(since), "VPN service not running");
@@ -490,7 +491,7 @@ TEST_F(StrongSwanManagerTest, CharonThatDoesNotAnswerEndsTheStartWithThatReason)
     make([](ss::StrongSwanOptions& o) { o.configTimeout = 100ms; });
     saveToolProfile();
     auto since = platform::SystemClock::now();
-    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", kPassword}).has_value());
+    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", Secret(kPassword)}).has_value());
     ASSERT_TRUE(runUntil([&] { return status() == platform::NEVPNStatusDisconnected; }));
     EXPECT_EQ(manager->lastDisconnectError(since), "VPN service not answering");
     EXPECT_TRUE(server.requests("initiate").empty());
@@ -502,7 +503,7 @@ TEST_F(StrongSwanManagerTest, RefusedSecretEndsTheStartWithoutInitiating) {
     });
     make();
     saveToolProfile();
-    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", kPassword}).has_value());
+    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", Secret(kPassword)}).has_value());
     ASSERT_TRUE(runUntil([&] { return status() == platform::NEVPNStatusDisconnected; }));
     EXPECT_TRUE(server.requests("initiate").empty());
     EXPECT_TRUE(logcapture::contains("shared key data missing"));
@@ -542,7 +543,7 @@ TEST_F(StrongSwanManagerTest, AuthenticationFailureGivesItsReason) {
     make();
     saveToolProfile();
     auto since = platform::SystemClock::now();
-    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", kPassword}).has_value());
+    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", Secret(kPassword)}).has_value());
     ASSERT_TRUE(runUntil([&] { return !server.requests("initiate").empty(); }));
     server.emit("log",
                 logLine("EAP-MS-CHAPv2 failed with error ERROR_AUTHENTICATION_FAILURE: '(null)'"));
@@ -558,7 +559,7 @@ TEST_F(StrongSwanManagerTest, TunnelThatVanishesWithoutAnEventIsDetected) {
     make();
     saveToolProfile();
     auto since = platform::SystemClock::now();
-    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", kPassword}).has_value());
+    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", Secret(kPassword)}).has_value());
     ASSERT_TRUE(runUntil([&] { return !server.requests("list-sas").empty(); }));
     EXPECT_EQ(status(), platform::NEVPNStatusConnecting) << "still listed";
     server.emit("log", logLine("retransmit 2 of request with message ID 0"));
@@ -580,7 +581,7 @@ TEST_F(StrongSwanManagerTest, TunnelThatVanishesWithoutAnEventIsDetected) {
 TEST_F(StrongSwanManagerTest, SetupIsCheckedOftenButAConnectedTunnelOnlyAtTheSlowInterval) {
     make([](ss::StrongSwanOptions& options) { options.establishedPollInterval = 1h; });
     saveToolProfile();
-    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", kPassword}).has_value());
+    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", Secret(kPassword)}).has_value());
     // While connecting, a setup that dies silently is looked for every 50 ms.
     ASSERT_TRUE(runUntil([&] { return server.requests("list-sas").size() >= 3; }, 1000ms));
     {
@@ -621,7 +622,7 @@ TEST_F(StrongSwanManagerTest, FailedInitiateEndsTheStart) {
     make();
     saveToolProfile();
     auto since = platform::SystemClock::now();
-    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", kPassword}).has_value());
+    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", Secret(kPassword)}).has_value());
     ASSERT_TRUE(runUntil([&] { return status() == platform::NEVPNStatusDisconnected; }));
     EXPECT_EQ(manager->lastDisconnectError(since), "server address not resolved");
     EXPECT_TRUE(logcapture::contains("establishing CHILD_SA 'orvane' failed"));
@@ -699,7 +700,7 @@ TEST_F(StrongSwanManagerTest, UnansweredLoadConnIsNoSaveError) {
 TEST_F(StrongSwanManagerTest, StopWhileConnectingEndsWithoutADownEvent) {
     make();
     saveToolProfile();
-    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", kPassword}).has_value());
+    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", Secret(kPassword)}).has_value());
     ASSERT_TRUE(runUntil([&] { return !server.requests("initiate").empty(); }));
     runUntil([] { return false; }, 30ms);
     manager->connection()->stopVPNTunnel();
@@ -729,7 +730,7 @@ TEST_F(StrongSwanManagerTest, ARestartedCharonGetsTheConnectionAgain) {
     ASSERT_TRUE(runUntil([&] { return status() == platform::NEVPNStatusDisconnected; }));
     EXPECT_FALSE(manager->connectionLoaded());
     std::size_t loads = server.requests("load-conn").size();
-    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", kPassword}).has_value());
+    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", Secret(kPassword)}).has_value());
     ASSERT_TRUE(runUntil([&] { return server.requests("initiate").size() == 2; }));
     EXPECT_EQ(server.requests("load-conn").size(), loads + 1);
 }
@@ -845,7 +846,7 @@ TEST_F(StrongSwanSleepTest, SleepWhileConnectingEndsTheStartWithTheSleepReason) 
     makeWatching();
     saveToolProfile();
     auto since = platform::SystemClock::now();
-    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", kPassword}).has_value());
+    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", Secret(kPassword)}).has_value());
     ASSERT_TRUE(lockHeld());
     standIn->prepareForSleep(true);
     ASSERT_TRUE(runUntil([&] { return status() == platform::NEVPNStatusDisconnected; }));
@@ -885,7 +886,7 @@ TEST_F(StrongSwanManagerTest, StartFirstEndsTheIkeSaAnEarlierRunLeftInCharon) {
         std::lock_guard lock(state.mutex);
         state.saPresent = true;  // left by a killed run
     }
-    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", kPassword}).has_value());
+    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", Secret(kPassword)}).has_value());
     ASSERT_TRUE(runUntil([&] { return !server.requests("initiate").empty(); }));
     auto got = server.received();
     std::size_t terminate = indexOf(got, ViciPacketType::CmdRequest, "terminate");
@@ -1000,7 +1001,7 @@ TEST_F(StrongSwanManagerTest, TunnelRefusedUnderAnEstablishedIkeSaEndsTheStartWi
     make();
     saveToolProfile();
     auto since = platform::SystemClock::now();
-    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", kPassword}).has_value());
+    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", Secret(kPassword)}).has_value());
     ASSERT_TRUE(runUntil([&] { return !server.requests("initiate").empty(); }));
     std::size_t terminates = server.requests("terminate").size();
     server.emit("ike-updown", updown(kConn, true, "ESTABLISHED", {"127.0.0.1"}));
