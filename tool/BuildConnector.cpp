@@ -1,10 +1,13 @@
 #include "tool/Tool.h"
 
 #include "log/DDLog.h"
+#include "os/Memory.h"
 
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 
 namespace {
 
@@ -32,13 +35,21 @@ std::shared_ptr<OVConnectorIKEv2> build_connector(const cli::GBSettings& setting
             DDLogError("Config file {} doesn't exist!", path);
             std::exit(1);
         }
+        // The file holds the password: the process's memory is closed to
+        // others before it is read.
+        if (!os::denyMemoryInspection()) {
+            const int error = errno;
+            DDLogError("Cannot keep the password out of reach of other processes: {}",
+                       std::strerror(error));
+            std::exit(1);
+        }
         return OVConnectorIKEv2::initWithConfigFile(path);
     }
     if (mode.checkOnly || mode.createOnly) {
         std::string server = random_ip();
         std::string username = random_username();
         return OVConnectorIKEv2::initWithServer(std::move(server), std::move(username),
-                                                std::string(""));
+                                                platform::Secret());
     }
     DDLogError("Must provide a config file to start vpn tunnel!");
     std::exit(1);

@@ -313,7 +313,7 @@ bool buildLoadConn(const NEVPNProtocolIKEv2& protocol, ViciSection& message, std
     return true;
 }
 
-bool buildLoadShared(std::string_view username, std::string_view password, ViciSection& message,
+bool buildLoadShared(std::string_view username, const Secret& password, ViciSection& message,
                      std::string& error) {
     message = ViciSection{};
     std::string owner;

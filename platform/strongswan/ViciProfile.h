@@ -45,7 +45,7 @@ bool buildLoadConn(const NEVPNProtocolIKEv2& protocol, ViciSection& message, std
 // The load-shared message for the EAP secret, owned by the user name. The
 // password is copied once into the message; wipe the message after sending
 // it. False with `error` for a user name charon cannot take literally.
-bool buildLoadShared(std::string_view username, std::string_view password, ViciSection& message,
+bool buildLoadShared(std::string_view username, const Secret& password, ViciSection& message,
                      std::string& error);
 
 ViciSection buildInitiate();

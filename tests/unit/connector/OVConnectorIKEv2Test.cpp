@@ -208,7 +208,7 @@ TEST_F(ConnectorTest, MissingPasswordAtTheStartExitsNonZeroBeforeAnyStartRequest
 TEST_F(ConnectorTest, MissingUserNameAtTheStartExitsNonZeroBeforeAnyStartRequest) {
     const auto child = inChild([] {
         auto connector = OVConnectorIKEv2::initWithServer(std::string("203.0.113.7"), std::nullopt,
-                                                          std::string("pw"));
+                                                          platform::Secret("pw"));
         connector->connect();
         platform().completeLoad();
         platform().completeSave();
@@ -301,9 +301,25 @@ TEST_F(ConnectorTest, SecondConnectRegistersASecondObserverAndRewritesTheProfile
     platform().fireStatus(NEVPNStatusConnecting);
     capture.restore();
     EXPECT_EQ(capture.messages(), (Lines{"IKEv2 Connecting", "IKEv2 Connecting"}));
-    platform().completeSave();
-    // Both saves queued a start; let them run so nothing is left pending.
-    runLoopUntil([] { return platform().startRequests().size() == 2; });
+    // The first save queued a start; let it run so nothing is left pending.
+    runLoopUntil([] { return platform().startRequests().size() == 1; });
+}
+
+TEST_F(ConnectorTest, SecondStartFindsThePasswordGoneAndExitsOne) {
+    // The first start takes the password; a second one (two connects, which
+    // the tool never makes) has none left to send.
+    const auto child = inChild([] {
+        auto connector = makeConnector();
+        connector->connect();
+        platform().completeLoad();
+        platform().completeSave();
+        connector->connect();
+        platform().completeLoad();
+        platform().completeSave();
+        runLoopUntil([] { return false; }, std::chrono::milliseconds(1500));
+    });
+    EXPECT_EQ(child.exitStatus, 1);
+    EXPECT_EQ(testing_support::messages(child.err), Lines{"IKEv2 Missing user name or password"});
 }
 
 TEST_F(ConnectorTest, ConnectRegistersForStatusChangesBeforeLoading) {

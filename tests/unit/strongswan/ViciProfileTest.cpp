@@ -147,7 +147,7 @@ TEST(ViciProfileTest, ConfigurationValuesReachCharonLiterally) {
     EXPECT_EQ(conn.section("local")->get("eap_id"), "email:@alice");
 
     ViciSection shared;
-    ASSERT_TRUE(ss::buildLoadShared("@alice", "pw", shared, error)) << error;
+    ASSERT_TRUE(ss::buildLoadShared("@alice", platform::Secret("pw"), shared, error)) << error;
     EXPECT_EQ(*shared.list("owners"), std::vector<std::string>{"email:@alice"});
 }
 
@@ -183,7 +183,7 @@ TEST(ViciProfileTest, ValuesCharonWouldReadMoreIntoAreRefused) {
     EXPECT_EQ(error, "no remote identifier");
 
     ViciSection shared;
-    EXPECT_FALSE(ss::buildLoadShared(std::string(300, 'a'), "pw", shared, error));
+    EXPECT_FALSE(ss::buildLoadShared(std::string(300, 'a'), platform::Secret("pw"), shared, error));
     EXPECT_NE(error.find("too long"), std::string::npos);
     EXPECT_TRUE(shared.empty());
 }
@@ -288,7 +288,8 @@ TEST(ViciProfileTest, RefusesWhatCharonCouldNotUse) {
 TEST(ViciProfileTest, ControlMessages) {
     ViciSection shared;
     std::string error;
-    ASSERT_TRUE(ss::buildLoadShared("alice", "s3cret pass", shared, error)) << error;
+    ASSERT_TRUE(ss::buildLoadShared("alice", platform::Secret("s3cret pass"), shared, error))
+        << error;
     EXPECT_EQ(shared.get("id"), "orvane-ikev2-eap");
     EXPECT_EQ(shared.get("type"), "EAP");
     EXPECT_EQ(shared.get("data"), "s3cret pass");
