@@ -3,11 +3,11 @@
 #include "platform/RunLoop.h"
 
 #include "platform/linux/IoContext.h"
+#include "platform/linux/LoopTimer.h"
 
 #include <asio/executor_work_guard.hpp>
 #include <asio/posix/stream_descriptor.hpp>
 #include <asio/post.hpp>
-#include <asio/steady_timer.hpp>
 
 #include <fcntl.h>
 #include <memory>
@@ -62,6 +62,10 @@ void RunLoop::runUntil(Clock::time_point deadline) {
     if (context.stopped()) {
         return;
     }
+    if (VirtualTime::active()) {
+        runVirtualUntil(deadline);
+        return;
+    }
     context.run_until(deadline);
 }
 
@@ -72,7 +76,17 @@ void RunLoop::run() {
     if (context.stopped()) {
         return;
     }
+    if (VirtualTime::active()) {
+        runVirtualUntil(Clock::time_point::max());
+        return;
+    }
     context.run();
+}
+
+bool RunLoop::runReady() {
+    asio::io_context& context = mainIoContext();
+    context.poll();
+    return !context.stopped();
 }
 
 void RunLoop::stop() {
@@ -80,7 +94,8 @@ void RunLoop::stop() {
 }
 
 void RunLoop::dispatchAfter(std::chrono::nanoseconds delay, std::function<void()> block) {
-    auto timer = std::make_shared<asio::steady_timer>(mainIoContext(), delay);
+    auto timer = std::make_shared<LoopTimer>(mainIoContext());
+    timer->expires_after(std::chrono::duration_cast<Clock::duration>(delay));
     timer->async_wait([timer, block = std::move(block)](const asio::error_code& error) {
         if (!error) {
             block();

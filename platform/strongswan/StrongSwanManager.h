@@ -17,7 +17,6 @@
 #include "platform/strongswan/ViciClient.h"
 
 #include <asio/io_context.hpp>
-#include <asio/steady_timer.hpp>
 
 #include <chrono>
 #include <functional>
@@ -96,7 +95,7 @@ private:
     bool listSaRegistered_ = false;
     StatusTracker tracker_;
     DisconnectLog log_;
-    asio::steady_timer pollTimer_;
+    LoopTimer pollTimer_;
     bool pollScheduled_ = false;
     bool pollInFlight_ = false;
     bool pollSawTunnel_ = false;

@@ -2,6 +2,7 @@
 
 #include "platform/strongswan/InterfaceLookup.h"
 #include "platform/strongswan/ViciProfile.h"
+#include "tests/unit/double/VirtualTimeScope.h"
 #include "tests/unit/strongswan/FakeCharon.h"
 #include "tests/unit/strongswan/LogCapture.h"
 #include "tests/unit/strongswan/ToolProfile.h"
@@ -13,6 +14,7 @@
 #include <atomic>
 #include <filesystem>
 #include <fstream>
+#include <map>
 
 namespace ss = platform::strongswan;
 namespace fs = std::filesystem;
@@ -20,7 +22,9 @@ using fakecharon::FakeCharon;
 using fakecharon::Link;
 using fakecharon::logLine;
 using fakecharon::updown;
+using platform::LoopClock;
 using platform::NEVPNStatus;
+using platform::VirtualTime;
 using ss::ViciEntry;
 using ss::ViciPacketType;
 using ss::ViciSection;
@@ -48,6 +52,8 @@ ViciSection success(bool ok = true, const std::string& errmsg = {}) {
 // What the scripted charon holds.
 struct CharonState {
     std::mutex mutex;
+    // Answers given, by command, for the commands the tests wait on.
+    std::map<std::string, std::size_t> answered;
     bool saPresent = false;
     std::vector<std::string> vips;
     std::vector<std::string> conns{"Orvane IKEv2"};
@@ -55,6 +61,9 @@ struct CharonState {
     ViciSection initiateAnswer = success();
 };
 
+// Under virtual time: the backend's checks, timeouts and bounded waits
+// happen when the test (or the fake charon, sitting on a request) moves the
+// clock.
 class StrongSwanManagerTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -86,6 +95,7 @@ protected:
                 state.saPresent = true;
             }
             link.respond(state.initiateAnswer);
+            ++state.answered["initiate"];
         });
         server.on("terminate", [this](Link& link, const ViciSection&) {
             std::lock_guard lock(state.mutex);
@@ -100,6 +110,7 @@ protected:
                 link.event("list-sa", sa);
             }
             link.respond({});
+            ++state.answered["list-sas"];
         });
         server.on("list-conns", [this](Link& link, const ViciSection&) {
             std::lock_guard lock(state.mutex);
@@ -131,7 +142,10 @@ protected:
         return *manager;
     }
 
-    bool runUntil(const std::function<bool()>& done, std::chrono::milliseconds limit = 3000ms) {
+    // Turns the io_context until `done`, which waits on the fake daemon's
+    // thread; the default limit only keeps a broken backend from hanging the
+    // test.
+    bool runUntil(const std::function<bool()>& done, std::chrono::milliseconds limit = 60s) {
         auto deadline = std::chrono::steady_clock::now() + limit;
         while (!done() && std::chrono::steady_clock::now() < deadline) {
             io.restart();
@@ -161,6 +175,23 @@ protected:
 
     platform::NEVPNStatus status() { return manager->connection()->status(); }
 
+    // Waits until charon has answered `count` requests of `command` in all,
+    // then lets the backend take the answers.
+    void waitAnswered(const std::string& command, std::size_t count) {
+        ASSERT_TRUE(runUntil([&] {
+            std::lock_guard lock(state.mutex);
+            return state.answered[command] >= count;
+        })) << command;
+        io.restart();
+        io.poll();
+    }
+    // Moves the clock on, then runs what fell due.
+    void advance(LoopClock::duration by) {
+        VirtualTime::advance(by);
+        io.restart();
+        io.poll();
+    }
+
     void startAndConnect() {
         auto error = manager->connection()->startVPNTunnel({"alice", kPassword});
         ASSERT_FALSE(error.has_value()) << error->description;
@@ -174,6 +205,7 @@ protected:
         ASSERT_TRUE(runUntil([&] { return status() == platform::NEVPNStatusConnected; }));
     }
 
+    testing_support::VirtualTimeScope virtualTime;
     asio::io_context io;
     FakeCharon server;
     CharonState state;
@@ -386,14 +418,24 @@ TEST_F(StrongSwanManagerTest, DownEventEndsTheTunnelAndLateLogLinesGiveTheReason
     // The secret is gone from charon before anyone hears of the end.
     ASSERT_EQ(server.requests("unload-shared").size(), 1u);
     EXPECT_EQ(server.requests("unload-shared")[0].message.get("id"), "orvane-ikev2-eap");
-    // charon's log line for it comes after the down event.
-    std::thread late([&] {
-        std::this_thread::sleep_for(60ms);
-        server.emit("log", logLine("received DELETE for IKE_SA Orvane IKEv2[1]"));
-        server.emit("log", logLine("IKE_SA deleted"));
-    });
+    // charon's log lines for it come after the down event.
+    server.emit("log", logLine("received DELETE for IKE_SA Orvane IKEv2[1]"));
+    server.emit("log", logLine("IKE_SA deleted"));
+    const auto asked = LoopClock::now();
     EXPECT_EQ(manager->lastDisconnectError(since), "deleted by peer");
-    late.join();
+    EXPECT_EQ(LoopClock::now() - asked, 50ms) << "a reason is known: the wait ends once quiet";
+}
+
+TEST_F(StrongSwanManagerTest, WithoutAReasonLateLogLinesAreWaitedForUpToTheirLimit) {
+    make();
+    saveToolProfile();
+    auto since = platform::SystemClock::now();
+    startAndConnect();
+    server.emit("ike-updown", updown(kConn, false, "DELETING"));
+    ASSERT_TRUE(runUntil([&] { return status() == platform::NEVPNStatusDisconnected; }));
+    const auto asked = LoopClock::now();
+    EXPECT_EQ(manager->lastDisconnectError(since), "");
+    EXPECT_EQ(LoopClock::now() - asked, 300ms);
 }
 
 TEST_F(StrongSwanManagerTest, AuthenticationFailureGivesItsReason) {
@@ -416,7 +458,9 @@ TEST_F(StrongSwanManagerTest, TunnelThatVanishesWithoutAnEventIsDetected) {
     saveToolProfile();
     auto since = platform::SystemClock::now();
     ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", kPassword}).has_value());
-    ASSERT_TRUE(runUntil([&] { return !server.requests("list-sas").empty(); }));
+    waitAnswered("initiate", 1);
+    advance(50ms);
+    waitAnswered("list-sas", 1);
     EXPECT_EQ(status(), platform::NEVPNStatusConnecting) << "still listed";
     server.emit("log", logLine("retransmit 2 of request with message ID 0"));
     server.emit("log", logLine("giving up after 2 retransmits"));
@@ -425,6 +469,10 @@ TEST_F(StrongSwanManagerTest, TunnelThatVanishesWithoutAnEventIsDetected) {
         state.saPresent = false;
     }
     server.emit("log", logLine("establishing IKE_SA failed, peer not responding"));
+    // That line asks for a check at once, not at the next regular one.
+    io.poll();
+    advance(20ms);
+    waitAnswered("list-sas", 2);
     ASSERT_TRUE(runUntil([&] { return status() == platform::NEVPNStatusDisconnected; }));
     EXPECT_EQ(manager->lastDisconnectError(since), "peer not responding");
     // Each change is notified once, from the loop.
@@ -438,8 +486,14 @@ TEST_F(StrongSwanManagerTest, SetupIsCheckedOftenButAConnectedTunnelOnlyAtTheSlo
     make([](ss::StrongSwanOptions& options) { options.establishedPollInterval = 1h; });
     saveToolProfile();
     ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", kPassword}).has_value());
+    waitAnswered("initiate", 1);
     // While connecting, a setup that dies silently is looked for every 50 ms.
-    ASSERT_TRUE(runUntil([&] { return server.requests("list-sas").size() >= 3; }, 1000ms));
+    for (std::size_t check = 1; check <= 3; ++check) {
+        advance(49ms);
+        EXPECT_EQ(server.requests("list-sas").size(), check - 1);
+        advance(1ms);
+        waitAnswered("list-sas", check);
+    }
     {
         std::lock_guard lock(state.mutex);
         state.vips = {"127.0.0.1"};
@@ -447,10 +501,14 @@ TEST_F(StrongSwanManagerTest, SetupIsCheckedOftenButAConnectedTunnelOnlyAtTheSlo
     server.emit("ike-updown", updown(kConn, true, "ESTABLISHED", {"127.0.0.1"}));
     server.emit("child-updown", updown(kConn, true, "ESTABLISHED", {"127.0.0.1"}, true));
     ASSERT_TRUE(runUntil([&] { return status() == platform::NEVPNStatusConnected; }));
-    runUntil([] { return false; }, 100ms);  // a check already under way ends
-    const std::size_t checks = server.requests("list-sas").size();
-    runUntil([] { return false; }, 500ms);
-    EXPECT_EQ(server.requests("list-sas").size(), checks) << "an idle tunnel wakes nobody";
+    // The check set while connecting still comes; the next waits an hour.
+    advance(50ms);
+    waitAnswered("list-sas", 4);
+    advance(59min);
+    runUntil([] { return false; }, 50ms);
+    EXPECT_EQ(server.requests("list-sas").size(), 4u) << "an idle tunnel wakes nobody";
+    advance(1min);
+    waitAnswered("list-sas", 5);
     EXPECT_EQ(status(), platform::NEVPNStatusConnected);
 }
 
@@ -458,11 +516,17 @@ TEST_F(StrongSwanManagerTest, ConnectedTunnelThatVanishesIsFoundByTheSlowCheck) 
     make([](ss::StrongSwanOptions& options) { options.establishedPollInterval = 100ms; });
     saveToolProfile();
     startAndConnect();
+    advance(50ms);  // the check set while connecting
+    waitAnswered("list-sas", 1);
     {
         std::lock_guard lock(state.mutex);
         state.saPresent = false;
     }
-    EXPECT_TRUE(runUntil([&] { return status() == platform::NEVPNStatusDisconnected; }, 2000ms));
+    advance(99ms);
+    EXPECT_EQ(status(), platform::NEVPNStatusConnected);
+    advance(1ms);
+    waitAnswered("list-sas", 2);
+    EXPECT_TRUE(runUntil([&] { return status() == platform::NEVPNStatusDisconnected; }));
 }
 
 TEST_F(StrongSwanManagerTest, FailedInitiateEndsTheStart) {
@@ -504,18 +568,20 @@ TEST_F(StrongSwanManagerTest, AHungCharonHoldsTheStopOnlyBriefly) {
     make([](ss::StrongSwanOptions& o) { o.stopTimeout = 100ms; });
     saveToolProfile();
     startAndConnect();
-    server.on("terminate", [](Link&, const ViciSection&) {});
-    server.on("unload-shared", [](Link&, const ViciSection&) {});
-    auto start = std::chrono::steady_clock::now();
+    // charon sits on each request while its time runs out.
+    server.on("terminate", [](Link&, const ViciSection&) { VirtualTime::advance(100ms); });
+    server.on("unload-shared", [](Link&, const ViciSection&) { VirtualTime::advance(100ms); });
+    auto start = LoopClock::now();
     manager->connection()->stopVPNTunnel();
-    auto took = std::chrono::steady_clock::now() - start;
-    EXPECT_LT(took, 1000ms);
+    // The wait ends at its bound, and the connection given up on takes no
+    // second one.
+    EXPECT_EQ(LoopClock::now() - start, 100ms);
     EXPECT_EQ(server.requests("terminate").size(), 1u) << "the request went out all the same";
     EXPECT_EQ(status(), platform::NEVPNStatusDisconnecting);
 }
 
 TEST_F(StrongSwanManagerTest, UnansweredLoadConnIsNoSaveError) {
-    server.on("load-conn", [](Link&, const ViciSection&) {});
+    server.on("load-conn", [](Link&, const ViciSection&) { VirtualTime::advance(100ms); });
     make([](ss::StrongSwanOptions& o) { o.configTimeout = 100ms; });
     saveToolProfile();
     EXPECT_FALSE(manager->connectionLoaded());
@@ -526,10 +592,12 @@ TEST_F(StrongSwanManagerTest, StopWhileConnectingEndsWithoutADownEvent) {
     make();
     saveToolProfile();
     ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", kPassword}).has_value());
-    ASSERT_TRUE(runUntil([&] { return !server.requests("initiate").empty(); }));
-    runUntil([] { return false; }, 30ms);
+    waitAnswered("initiate", 1);
     manager->connection()->stopVPNTunnel();
     EXPECT_EQ(status(), platform::NEVPNStatusDisconnecting);
+    // A half-open IKE_SA ends without an event: it is looked for soon.
+    advance(20ms);
+    waitAnswered("list-sas", 1);
     ASSERT_TRUE(runUntil([&] { return status() == platform::NEVPNStatusDisconnected; }));
 }
 
