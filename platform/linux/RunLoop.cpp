@@ -39,14 +39,12 @@ void armSignalWait(RunLoop& loop) {
 
 asio::io_context& mainIoContext() {
     // Never destroyed: exit() may be called from inside one of its handlers.
-    static asio::io_context* context = [] {
-        auto* made = new asio::io_context;
-        // Keeps the loop waiting for the end of a slice even when nothing is
-        // queued, so that slices last as long as they were asked to.
+    static auto* context = new asio::io_context;
+    // Keeps the loop waiting for the end of a slice even when nothing is
+    // queued, so that slices last as long as they were asked to.
+    [[maybe_unused]] static auto* keepWaiting =
         new asio::executor_work_guard<asio::io_context::executor_type>(
-            asio::make_work_guard(*made));
-        return made;
-    }();
+            asio::make_work_guard(*context));
     return *context;
 }
 

@@ -207,8 +207,9 @@ protected:
 
     testing_support::VirtualTimeScope virtualTime;
     asio::io_context io;
-    FakeCharon server;
+    // Before the server, whose threads write it until they are joined.
     CharonState state;
+    FakeCharon server;
     fs::path root;
     fs::path prefs;
     std::unique_ptr<ss::StrongSwanManager> manager;
