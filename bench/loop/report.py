@@ -5,8 +5,11 @@ lateness, and the targets.
     python3 bench/loop/report.py RESULTS.json BENCHMARKS.md
 """
 import json
-import re
+import os
 import sys
+
+sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+from section import write_section  # noqa: E402
 
 BEGIN, END = "<!-- loop:begin -->", "<!-- loop:end -->"
 WHAT = {
@@ -30,7 +33,7 @@ def main():
         base = b["name"].split("/")[0]
         rows.append((base, b["iterations"], b["median_ms"], b["max_ms"]))
 
-    out = [BEGIN, "## Run loop and VICI client timing (bench/loop)", ""]
+    out = ["## Run loop and VICI client timing (bench/loop)", ""]
     out.append("{}; {} x {} MHz, load average {}; Google Benchmark, release build, steady "
                "clock. Lateness past the point each measure names; the unit tests check the "
                "same behaviour exactly on virtual time.".format(
@@ -50,21 +53,8 @@ def main():
         out.append("- {}: median {:.3f} ms (target {} ms), largest {:.3f} ms (target {} ms): "
                    "{}.".format(WHAT.get(base, base), median, MEDIAN_MS, largest, MAX_MS,
                                 "met" if met else "missed"))
-    out.append(END)
 
-    path = sys.argv[2]
-    try:
-        text = open(path).read()
-    except FileNotFoundError:
-        text = "# Benchmarks\n"
-    section = "\n".join(out)
-    if BEGIN in text and END in text:
-        text = re.sub(re.escape(BEGIN) + ".*?" + re.escape(END), lambda _: section, text,
-                      flags=re.S)
-    else:
-        text = text.rstrip("\n") + "\n\n" + section + "\n"
-    open(path, "w").write(text)
-
+    write_section(sys.argv[2], BEGIN, END, out)
 
 if __name__ == "__main__":
     main()
