@@ -29,6 +29,9 @@ GBCommandLineParser::GBCommandLineParser()
 
 void GBCommandLineParser::registerOption(const std::string& longName, char shortcut,
                                          GBOptionRequirement requirement) {
+    // Without a name the record would answer to "--" (and its twin to
+    // "--no-"), and its value would have no key to be stored under.
+    if (longName.empty()) return;
     Value record = Value::mutableDictionary(
         {{kLongKey, Value(longName)},
          {kRequirementKey, Value::numberWithUnsignedInteger(requirement)}});
@@ -47,6 +50,7 @@ void GBCommandLineParser::registerOption(const std::string& longName, char short
             {{kLongKey, Value(negated)},
              {kRequirementKey, Value::numberWithUnsignedInteger(GBValueNone)}});
         registeredOptionsByLongNames_.insert_or_assign(negated, twin);
+        negatedTwins_.insert_or_assign(negated, twin);
         // The group receives the twin's record, not its name, so the negated
         // form never tests as a member of the group.
         addToSet(currentOptionsGroupOptions_, twin);
@@ -124,6 +128,11 @@ Value GBCommandLineParser::optionDataForOption(const std::string& argument, Valu
     return found == registry->end() ? Value() : found->second;
 }
 
+bool GBCommandLineParser::isNegatedTwin(const Value& record) const {
+    const auto twin = negatedTwins_.find(record.objectForKey(kLongKey).stringValue());
+    return twin != negatedTwins_.end() && twin->second.isSameObject(record);
+}
+
 bool GBCommandLineParser::isShortOrLongOptionName(std::string_view text) const {
     return startsWith(text, "--") || startsWith(text, "-");
 }
@@ -198,7 +207,7 @@ bool GBCommandLineParser::parseOptionsWithArguments(const std::vector<std::strin
                         value = Value::numberWithBool(true);
                     }
                 } else {
-                    const bool negated = startsWith(longName, "no-");
+                    const bool negated = isNegatedTwin(data);
                     if (value.isNil()) {
                         value = Value::numberWithBool(!negated);
                     } else if (negated) {

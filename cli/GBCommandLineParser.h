@@ -56,8 +56,11 @@ class GBCommandLineParser : public std::enable_shared_from_this<GBCommandLinePar
 
     // Registers `longName` (without dashes) with a shortcut (0 or a negative
     // byte for none) and a requirement. A switch (GBValueNone) also
-    // registers its "no-" twin. A repeated name or shortcut replaces the
-    // earlier record silently.
+    // registers its "no-" twin, which alone parses as a negation: an option
+    // registered under a name that merely begins with "no-" parses like any
+    // other. A repeated name or shortcut replaces the earlier record
+    // silently. An empty name registers nothing, so "--" and "-" stay
+    // unknown options.
     void registerOption(const std::string& longName, char shortcut,
                         GBOptionRequirement requirement);
     void registerOption(const std::string& longName, GBOptionRequirement requirement);
@@ -106,6 +109,9 @@ class GBCommandLineParser : public std::enable_shared_from_this<GBCommandLinePar
     // Whether the text begins with "-".
     bool isShortOrLongOptionName(std::string_view text) const;
     bool isOptionGroupName(const std::string& name) const;
+    // Whether the record is the "no-" twin that registering a switch made,
+    // and that still answers to its name.
+    bool isNegatedTwin(const Value& record) const;
     // The value the last parse found for a long name; nil if none.
     Value valueForOption(const std::string& longName) const;
     // An immutable copy of the last parse's positional arguments.
@@ -152,6 +158,9 @@ class GBCommandLineParser : public std::enable_shared_from_this<GBCommandLinePar
     std::map<std::string, Value> registeredOptionsByLongNames_;
     std::map<std::string, Value> registeredOptionsByShortNames_;
     std::map<std::string, Value> registeredOptionGroupsByNames_;
+    // Negated name -> the twin record made for it, kept to tell the twin
+    // from a record registered later under the same name.
+    std::map<std::string, Value> negatedTwins_;
     Value currentOptionsGroupOptions_;
     std::optional<std::string> currentOptionsGroupName_;
 };

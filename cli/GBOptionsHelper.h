@@ -94,7 +94,9 @@ class GBOptionsHelper {
     // Calls `handler` for every record in order until it sets *stop.
     void enumerateOptions(const std::function<void(OptionDefinition& option, bool* stop)>& handler);
 
-    // Hands options, group starts and group ends to the parser.
+    // Hands options, group starts and group ends to the parser. A record
+    // without a long name is not handed over: its help row shows, but no
+    // argument selects it.
     void registerOptionsToCommandLineParser(GBCommandLineParser& parser);
 
     // Help and version output, on standard output.

@@ -20,8 +20,9 @@ void GBOptionsHelper::registerOptionsToCommandLineParser(GBCommandLineParser& pa
             parser.endRegisterOptionGroup();
             return;
         }
-        parser.registerOption(option.longOption().value_or(std::string()),
-                              static_cast<char>(option.shortOption()),
+        // A record without a long name is no option the parser could match.
+        if (!option.longOption()) return;
+        parser.registerOption(*option.longOption(), static_cast<char>(option.shortOption()),
                               static_cast<GBOptionRequirement>(requirements(option)));
     });
 }

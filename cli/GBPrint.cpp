@@ -11,9 +11,9 @@ void gb_printf_worker(std::FILE* stream, fmt::string_view format, fmt::format_ar
         // never throws, so the text goes out unformatted.
         text.assign(format.data(), format.size());
     }
-    // fwrite rather than fputs so that the whole text goes out in one write
-    // even if an argument carried a NUL byte.
-    std::fwrite(text.data(), 1, text.size(), stream);
+    // Handed over as a C string: a NUL in an argument ends the output there,
+    // the line feed of a line variant included.
+    std::fputs(text.c_str(), stream);
 }
 
 }  // namespace cli

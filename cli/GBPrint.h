@@ -3,8 +3,8 @@
 // Console printing for the command-line layer. The formats are fmt's: `{}`
 // takes the place of printf's %@ and %s. A Value prints its description
 // (nil prints "(null)"), and an optional string prints its text or "(null)".
-// Each call builds the whole text first and writes it with one call to the
-// C stream; nothing is flushed.
+// Each call builds the whole text first and writes it with one fputs to the
+// C stream, so the text stops at an embedded NUL; nothing is flushed.
 //
 // Formats are checked at compile time; pass a format computed at run time
 // through fmt::runtime(text).
@@ -20,9 +20,9 @@
 
 namespace cli {
 
-// Formats `format` with `args` and writes the UTF-8 text to `stream` in one
-// write; adds no newline of its own. A format that fmt rejects is written
-// as it stands.
+// Formats `format` with `args` and writes the UTF-8 text, up to any NUL in
+// it, to `stream` in one call; adds no newline of its own. A format that fmt
+// rejects is written as it stands.
 void gb_printf_worker(std::FILE* stream, fmt::string_view format, fmt::format_args args);
 
 namespace detail {

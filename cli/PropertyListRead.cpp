@@ -1,13 +1,17 @@
-// Reading property lists: format detection, the guards that keep hostile
-// input away from libplist's recursive parsers, and libplist's nodes turned
-// into Values.
+// Reading property lists: format and text-encoding detection; binary lists
+// through libplist, behind the guards that keep hostile input away from its
+// recursive parser; XML and OpenStep text through the readers of their own.
 
 #include "cli/BinaryPlistCheck.h"
 #include "cli/OpenStepPlist.h"
 #include "cli/PropertyList.h"
+#include "cli/ValueObject.h"
+#include "cli/XmlPlist.h"
 
+#include <iconv.h>
 #include <plist/plist.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <limits>
 #include <map>
@@ -32,9 +36,56 @@ bool startsWith(std::string_view bytes, std::string_view prefix) {
     return bytes.substr(0, prefix.size()) == prefix;
 }
 
+// The encoding an XML declaration at the very start names, if it names one.
+std::optional<std::string> declaredEncoding(std::string_view bytes) {
+    if (!startsWith(bytes, "<?xml")) return std::nullopt;
+    for (std::size_t i = 5; i < bytes.size() && bytes[i] != '?' && bytes[i] != '>'; ++i) {
+        if (!startsWith(bytes.substr(i), "encoding=") || i + 9 >= bytes.size()) continue;
+        const char quote = bytes[i + 9];
+        if (quote != '"' && quote != '\'') return std::nullopt;
+        const std::size_t end = bytes.find(quote, i + 10);
+        if (end == std::string_view::npos) return std::nullopt;
+        return std::string(bytes.substr(i + 10, end - i - 10));
+    }
+    return std::nullopt;
+}
+
+// The bytes converted from `encoding` to UTF-8 by iconv; nothing, with
+// `problem` set, for an encoding iconv does not know or bytes that are not
+// in it.
+std::optional<std::string> convertedToUTF8(std::string_view bytes, const std::string& encoding,
+                                           std::string& problem) {
+    const iconv_t converter = iconv_open("UTF-8", encoding.c_str());
+    if (converter == reinterpret_cast<iconv_t>(-1)) {
+        problem = "unknown encoding \"" + encoding + "\"";
+        return std::nullopt;
+    }
+    std::string out;
+    char buffer[16384];
+    auto* in = const_cast<char*>(bytes.data());
+    std::size_t inLeft = bytes.size();
+    bool ok = true;
+    while (ok && inLeft > 0) {
+        char* put = buffer;
+        std::size_t outLeft = sizeof buffer;
+        const std::size_t done = iconv(converter, &in, &inLeft, &put, &outLeft);
+        out.append(buffer, static_cast<std::size_t>(put - buffer));
+        ok = done != static_cast<std::size_t>(-1) || errno == E2BIG;
+    }
+    iconv_close(converter);
+    if (!ok) {
+        problem = "text is not in its declared encoding " + encoding;
+        return std::nullopt;
+    }
+    return out;
+}
+
 // Text with a UTF-16 or UTF-32 byte-order mark becomes UTF-8; a UTF-8 mark
-// is dropped. Nothing for ill-formed text.
-std::optional<std::string> textAsUTF8(std::string_view bytes) {
+// is dropped. Without a mark, an XML declaration at the very start may name
+// the encoding. Nothing, with `problem` set, for ill-formed text or an
+// encoding that cannot be read.
+std::optional<std::string> textAsUTF8(std::string_view bytes, std::string& problem) {
+    problem = "ill-formed text encoding";
     int unitSize = 0;
     bool bigEndian = false;
     if (startsWith(bytes, std::string_view("\xFF\xFE\x00\x00", 4))) {
@@ -48,6 +99,10 @@ std::optional<std::string> textAsUTF8(std::string_view bytes) {
     } else if (startsWith(bytes, "\xEF\xBB\xBF")) {
         return std::string(bytes.substr(3));
     } else {
+        const std::optional<std::string> encoding = declaredEncoding(bytes);
+        if (encoding && !equalsIgnoringASCIICase(*encoding, "utf-8")) {
+            return convertedToUTF8(bytes, *encoding, problem);
+        }
         return std::string(bytes);
     }
     bytes.remove_prefix(unitSize);
@@ -75,40 +130,6 @@ std::optional<std::string> textAsUTF8(std::string_view bytes) {
         appendUTF8(out, c);
     }
     return out;
-}
-
-// The deepest element nesting of XML text, found without recursion.
-// Comments, CDATA sections, declarations and processing instructions are
-// stepped over.
-std::size_t xmlElementDepth(std::string_view text) {
-    std::size_t depth = 0;
-    std::size_t deepest = 0;
-    std::size_t pos = 0;
-    auto skipPast = [&](std::string_view terminator) {
-        const std::size_t end = text.find(terminator, pos);
-        pos = end == std::string_view::npos ? text.size() : end + terminator.size();
-    };
-    while ((pos = text.find('<', pos)) != std::string_view::npos) {
-        const std::string_view rest = text.substr(pos);
-        if (startsWith(rest, "<!--")) {
-            skipPast("-->");
-        } else if (startsWith(rest, "<![CDATA[")) {
-            skipPast("]]>");
-        } else if (startsWith(rest, "<?")) {
-            skipPast("?>");
-        } else if (startsWith(rest, "<!")) {
-            skipPast(">");
-        } else if (startsWith(rest, "</")) {
-            if (depth > 0) --depth;
-            skipPast(">");
-        } else {
-            const std::size_t end = text.find('>', pos);
-            if (end == std::string_view::npos) break;
-            if (text[end - 1] != '/') deepest = std::max(deepest, ++depth);
-            pos = end + 1;
-        }
-    }
-    return deepest;
 }
 
 struct PlistDeleter {
@@ -160,11 +181,19 @@ Value valueFromNode(plist_t node, std::size_t depth) {
             // holding a NUL character.
             std::uint64_t length = 0;
             const char* text = plist_get_string_ptr(node, &length);
-            if (text) return Value(std::string(text, length));
-            char* key = nullptr;  // a key node, whose text the XML reader made
-            plist_get_key_val(node, &key);
-            CString owned(key);
-            return key ? Value(std::string(key)) : Value();
+            std::string value;
+            if (text) {
+                value.assign(text, length);
+            } else {
+                char* key = nullptr;  // a key node
+                plist_get_key_val(node, &key);
+                CString owned(key);
+                if (!key) return {};
+                value = key;
+            }
+            // A string whose bytes are not ASCII, or UTF-16 with a lone
+            // surrogate, has no UTF-8 form.
+            return isValidUTF8(value) ? Value(std::move(value)) : Value();
         }
         case PLIST_DATA: {
             char* bytes = nullptr;
@@ -182,11 +211,10 @@ Value valueFromNode(plist_t node, std::size_t depth) {
             return Value::date(seconds + microseconds / 1e6 + kSecondsFrom1970To2001);
         }
         case PLIST_UID: {
-            // A keyed-archiver reference reads back as the dictionary the
-            // XML form spells it with.
             std::uint64_t uid = 0;
             plist_get_uid_val(node, &uid);
-            return Value::dictionary({{"CF$UID", Value::numberWithUnsignedInteger(uid)}});
+            if (uid > std::numeric_limits<std::uint32_t>::max()) return {};
+            return Value::uid(static_cast<std::uint32_t>(uid));
         }
         case PLIST_ARRAY: {
             std::vector<Value> elements;
@@ -210,7 +238,7 @@ Value valueFromNode(plist_t node, std::size_t depth) {
                 if (!key) break;
                 CString ownedKey(key);
                 Value value = valueFromNode(item, depth + 1);
-                if (value.isNil()) {
+                if (value.isNil() || !isValidUTF8(key)) {
                     ok = false;
                     break;
                 }
@@ -250,36 +278,24 @@ Value propertyListFromData(std::string_view bytes, std::optional<NSError>* error
         return value;
     }
 
-    const std::optional<std::string> text = textAsUTF8(bytes);
+    std::string problem;
+    const std::optional<std::string> text = textAsUTF8(bytes, problem);
     if (!text) {
-        setCorrupt(error, "ill-formed text encoding");
+        setCorrupt(error, problem);
         return {};
     }
     const std::size_t first = text->find_first_not_of(" \t\r\n");
-    // XML has no NUL characters, and libplist's key getter aborts on them.
-    if (first != std::string::npos && (*text)[first] == '<' &&
-        text->find('\0') == std::string::npos) {
-        // The plist wrapper is one element above the 512 allowed levels.
-        if (xmlElementDepth(*text) > kPropertyListMaxNesting + 1) {
-            setCorrupt(error, "nesting too deep");
-            return {};
-        }
-        plist_t root = nullptr;
-        plist_from_xml(text->data(), static_cast<std::uint32_t>(text->size()), &root);
-        PlistPtr owned(root);
-        if (root) {
-            Value value = valueFromNode(root, 0);
-            if (!value.isNil()) return value;
-        }
+    const bool looksLikeXml = first != std::string::npos && (*text)[first] == '<';
+    if (looksLikeXml) {
+        Value value = parseXmlPropertyList(*text, &problem);
+        if (!value.isNil()) return value;
     }
     // Not XML: the old text form is the last resort.
-    if (!isValidUTF8(*text)) {
-        setCorrupt(error, "text is not UTF-8");
-        return {};
-    }
-    std::string problem;
-    Value value = parseOpenStepPropertyList(*text, &problem);
-    if (value.isNil()) setCorrupt(error, problem);
+    std::string openStepProblem = "text is not UTF-8";
+    Value value;
+    if (isValidUTF8(*text)) value = parseOpenStepPropertyList(*text, &openStepProblem);
+    // Text that looked like XML is reported by what the XML reader found.
+    if (value.isNil()) setCorrupt(error, looksLikeXml ? problem : openStepProblem);
     return value;
 }
 

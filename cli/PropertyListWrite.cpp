@@ -36,8 +36,7 @@ class Writer {
                 return true;
             case Value::Kind::Date: {
                 const double seconds = value.secondsSince1970();
-                // Beyond a few million years gmtime cannot place the date.
-                if (!std::isfinite(seconds) || std::fabs(seconds) > 1e14) {
+                if (!std::isfinite(seconds) || std::fabs(seconds) > kPropertyListDateLimit) {
                     return invalid("date out of range");
                 }
                 line(depth, "<date>" + date(seconds) + "</date>");
@@ -50,6 +49,12 @@ class Writer {
                 return array(value, depth);
             case Value::Kind::Dictionary:
                 return dictionary(value, depth);
+            case Value::Kind::UID:
+                line(depth, "<dict>");
+                line(depth + 1, "<key>CF$UID</key>");
+                line(depth + 1, "<integer>" + std::to_string(value.uidValue()) + "</integer>");
+                line(depth, "</dict>");
+                return true;
         }
         return invalid("unknown kind of value");
     }

@@ -145,6 +145,12 @@ Value Value::date(double secondsSince1970) {
     return Value(std::move(object));
 }
 
+Value Value::uid(std::uint32_t value) {
+    auto object = makeObject(Kind::UID);
+    object->unsignedNumber = value;
+    return Value(std::move(object));
+}
+
 Value::Kind Value::kind() const {
     return object_ ? object_->kind : Kind::Nil;
 }
@@ -190,6 +196,8 @@ bool Value::isEqual(const Value& other) const {
             return object_->bytes == other.object_->bytes;
         case Kind::Date:
             return object_->doubleNumber == other.object_->doubleNumber;
+        case Kind::UID:
+            return object_->unsignedNumber == other.object_->unsignedNumber;
     }
     return false;
 }
@@ -278,6 +286,10 @@ const std::vector<std::uint8_t>& Value::bytes() const {
 
 double Value::secondsSince1970() const {
     return isDate() ? object_->doubleNumber : 0.0;
+}
+
+std::uint32_t Value::uidValue() const {
+    return isUID() ? static_cast<std::uint32_t>(object_->unsignedNumber) : 0;
 }
 
 std::string describe(const std::optional<std::string>& text) {

@@ -1,7 +1,8 @@
 #pragma once
 
 // A small object model in the manner of Foundation's: a Value is a reference
-// to a shared object (string, number, array, dictionary, data, date) or nil.
+// to a shared object (string, number, array, dictionary, data, date, or the
+// keyed archiver's object reference that property lists carry) or nil.
 // Copying a Value copies the reference, as assigning an object pointer does;
 // mutating a mutable array or dictionary through one Value is seen through
 // every other Value that refers to it. `isEqual` compares contents,
@@ -25,7 +26,7 @@ namespace cli {
 
 class Value {
 public:
-    enum class Kind { Nil, String, Number, Array, Dictionary, Data, Date };
+    enum class Kind { Nil, String, Number, Array, Dictionary, Data, Date, UID };
 
     // What a number was made from; decides its text form and its type in a
     // property list (a Bool becomes <true/>/<false/>).
@@ -59,6 +60,10 @@ public:
     static Value data(std::vector<std::uint8_t> bytes);
     // Seconds since 1970-01-01 00:00:00 UTC.
     static Value date(double secondsSince1970);
+    // A keyed archiver's object reference: a binary list's UID, or the XML
+    // form's dictionary whose one key is "CF$UID". Not a dictionary: it
+    // answers the conversions with NO and 0 like data and dates.
+    static Value uid(std::uint32_t value);
 
     Kind kind() const;
     bool isNil() const { return !object_; }
@@ -71,6 +76,7 @@ public:
     bool isMutableDictionary() const;
     bool isData() const { return kind() == Kind::Data; }
     bool isDate() const { return kind() == Kind::Date; }
+    bool isUID() const { return kind() == Kind::UID; }
 
     // Identity: both refer to the same object (two nils are the same).
     bool isSameObject(const Value& other) const { return object_ == other.object_; }
@@ -119,6 +125,7 @@ public:
 
     const std::vector<std::uint8_t>& bytes() const;  // data only
     double secondsSince1970() const;                 // date only
+    std::uint32_t uidValue() const;                  // UID only
 
     struct Object;
 

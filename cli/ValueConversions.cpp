@@ -13,13 +13,12 @@
 
 namespace cli {
 
-namespace {
-
-// The whitespace set the conversions skip: blanks, never newlines.
 bool isConversionWhitespace(char32_t c) {
     return c == 0x20 || c == 0x09 || c == 0xA0 || c == 0x1680 || (c >= 0x2000 && c <= 0x200B) ||
            c == 0x202F || c == 0x205F || c == 0x3000;
 }
+
+namespace {
 
 // The first code point of each run of ten Unicode decimal digits.
 constexpr char32_t kDigitZeros[] = {

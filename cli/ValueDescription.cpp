@@ -154,6 +154,9 @@ std::string Value::description() const {
             return dataDescription(object_->bytes);
         case Kind::Date:
             return dateDescription(object_->doubleNumber);
+        case Kind::UID:
+            // Foundation adds the object's address, which means nothing here.
+            return "<CFKeyedArchiverUID>{value = " + std::to_string(uidValue()) + "}";
     }
     return {};
 }

@@ -9,6 +9,7 @@
 
 #include "platform/NEVPN.h"
 
+#include <cstddef>
 #include <map>
 #include <memory>
 #include <optional>
@@ -19,9 +20,12 @@
 // names none.
 inline constexpr const char* kDefaultRemoteID = "vpn.orvane.net";
 
+// Configuration files larger than this are refused (1 MiB).
+inline constexpr std::size_t kMaxConfigFileSize = 1024 * 1024;
+
 // Reads a key=value configuration file. Nil when the file cannot be opened
-// (after an error line); lines that do not match, or whose key or value is
-// not valid UTF-8, are skipped.
+// or is larger than kMaxConfigFileSize (after an error line); lines that do
+// not match, or whose key or value is not valid UTF-8, are skipped.
 std::optional<std::map<std::string, std::string>> ParseConfig(const std::string& path);
 
 // The log text of a status ("IKEv2 Connected", ...).

@@ -1,12 +1,13 @@
 #include "log/DDLog.h"
 
 #include "log/DDTTYLogger.h"
+#include "log/TerminalWriter.h"
 
 #include <spdlog/logger.h>
 #include <spdlog/sinks/base_sink.h>
 
 #include <unistd.h>
-#include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <memory>
 #include <mutex>
@@ -15,28 +16,23 @@ std::int32_t ddLogLevel = DDLogLevelInfo;
 
 namespace {
 
-// Every message is written at the call, on the caller's thread: the same
-// bytes in the same order as a queued logger that is drained before exit,
-// with nothing to lose when the process ends through exit() from any path.
+// How long a flush waits for a controller that has stopped reading.
+constexpr std::chrono::milliseconds kFlushLimit{500};
+
+TerminalWriter& terminal() {
+    // Never destroyed: lines logged from atexit handlers still need it.
+    static auto* writer = new TerminalWriter(STDERR_FILENO);
+    return *writer;
+}
+
+// Every message is handed over at the call, on the caller's thread: the
+// same bytes in the same order as a queued logger that is drained before
+// exit, with nothing to lose when the process ends through exit() from any
+// path. A controller that does not read never holds the caller up.
 class TerminalSink final : public spdlog::sinks::base_sink<std::mutex> {
   protected:
     void sink_it_(const spdlog::details::log_msg& msg) override {
-        const std::string line = DDTTYLogger::formatLine(msg);
-        const int savedErrno = errno;
-        const char* data = line.data();
-        std::size_t left = line.size();
-        while (left > 0) {
-            const ssize_t written = ::write(STDERR_FILENO, data, left);
-            if (written < 0) {
-                if (errno == EINTR) {
-                    continue;
-                }
-                break;
-            }
-            data += written;
-            left -= static_cast<std::size_t>(written);
-        }
-        errno = savedErrno;
+        terminal().write(DDTTYLogger::formatLine(msg));
     }
     void flush_() override {}
 };
@@ -96,6 +92,15 @@ void flushLog() {
     if (ttyLogger != nullptr) {
         ttyLogger->flush();
     }
+    terminal().flush(kFlushLimit);
+}
+
+bool writePending() {
+    return terminal().writePending();
+}
+
+void setReaderGoneHandler(std::function<void()> handler) {
+    terminal().setReaderGoneHandler(std::move(handler));
 }
 
 }  // namespace DDLog

@@ -3,15 +3,17 @@
 // The levelled log: a global mask `ddLogLevel`, five flags, and call-site
 // macros that test the flag against the mask before the message is
 // formatted. Messages go to the terminal sink (standard error, one line per
-// message). Error messages are written before the call returns; the others
-// may be queued, but everything queued is written before the process ends
-// through `exit` or a return from `main`.
+// message). Every message is written before the call returns, unless the
+// reader of standard error has stopped reading (see writePending); what
+// waits then is written before the process ends through `exit` or a return
+// from `main`, for as long as flushLog() waits.
 //
 //     DDLogInfo("IKEv2 Interface {}", name);
 
 #include <fmt/format.h>
 
 #include <cstdint>
+#include <functional>
 #include <string_view>
 
 // The mask of enabled flags: 7 (error, warning, info) at start, 31 with
@@ -44,8 +46,19 @@ void addTTYLogger();
 void log(bool asynchronous, std::int32_t level, DDLogFlag flag, int context, const char* file,
          const char* function, int line, const char* tag, std::string_view message);
 
-// Writes out everything queued so far and waits until it is written.
+// Writes out everything queued so far and waits until it is written, or
+// for at most half a second when the terminal's reader does not read.
 void flushLog();
+
+// A controller that reads standard error slowly, or not at all, never holds
+// the caller of a log call up: lines it cannot take at once wait in memory
+// (in order, bounded) until a later log call, writePending() or flushLog()
+// (which runs at exit) finds standard error writable again.
+// Writes what waits; true when nothing is left.
+bool writePending();
+// Called once when a write finds that standard error's reader is gone
+// (EPIPE; SIGPIPE must be ignored); at once if that already happened.
+void setReaderGoneHandler(std::function<void()> handler);
 
 }  // namespace DDLog
 

@@ -6,8 +6,8 @@
 //
 // local time with a colon before the truncated milliseconds, the process
 // name, the pid, the thread id (decimal, at most 8 characters) and the
-// message. Each line goes out in a single write(2), so it never mixes with
-// the stdio output of the command-line layer.
+// message. Each line (up to PIPE_BUF bytes) goes out in a single write(2),
+// so it never mixes with the stdio output of the command-line layer.
 
 #include <spdlog/common.h>
 

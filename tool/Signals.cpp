@@ -15,6 +15,26 @@ void sig_handler(int signal) {
     platform::RunLoop::wakeForSignal(signal);
 }
 
+namespace {
+
+bool tunnelDown() {
+    platform::NEVPNManager* manager = connector ? connector->vpnManager() : nullptr;
+    platform::NEVPNConnection* connection = manager ? manager->connection() : nullptr;
+    if (connection == nullptr) {
+        return true;
+    }
+    const platform::NEVPNStatus status = connection->status();
+    return status == platform::NEVPNStatusDisconnected || status == platform::NEVPNStatusInvalid;
+}
+
+void stopOnceTheTunnelIsDown() {
+    if (tunnelDown()) {
+        platform::RunLoop::main().stop();
+    }
+}
+
+}  // namespace
+
 void handle_signal(int signal) {
     DDLogDebug("Received signal {}", signal);
     if (terminated) {
@@ -24,7 +44,8 @@ void handle_signal(int signal) {
         connector->disconnect();
     }
     terminated = true;
-    platform::RunLoop::main().stop();
+    platform::addStatusObserver(stopOnceTheTunnelIsDown);
+    stopOnceTheTunnelIsDown();
 }
 
 void register_signal_handlers() {
@@ -36,4 +57,6 @@ void register_signal_handlers() {
     sigaction(SIGUSR1, &action, nullptr);
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
+    // A closed terminal is the controller's end too.
+    sigaction(SIGHUP, &action, nullptr);
 }

@@ -44,12 +44,26 @@ std::shared_ptr<OVConnectorIKEv2> build_connector(const cli::GBSettings& setting
 // from the completions (0 when removed or nothing to remove, 1 on errors).
 void run_remove_mode();
 
-// Installs sig_handler for SIGUSR1, SIGINT and SIGTERM.
+// Opens /dev/null on each of the standard descriptors 0-2 that is closed,
+// so that nothing the tool opens later takes their place. Called before
+// anything is opened.
+void make_standard_descriptors_valid();
+// Ignores SIGPIPE and stops the tool as SIGTERM does when the reader of
+// standard error goes away (a log write fails with EPIPE, or tend_controller
+// finds its end of the pipe or socket closed).
+void watch_controller();
+// Between two slices of the run loop: writes the lines a slow reader of
+// standard error could not take yet, and notices a reader that went away.
+void tend_controller();
+
+// Installs sig_handler for SIGUSR1, SIGINT, SIGTERM and SIGHUP.
 void register_signal_handlers();
 // The signal handler itself: only wakes the main run loop.
 void sig_handler(int signal);
-// The handler's work, on the main run loop's thread: log, disconnect once,
-// mark the tool terminated and end the current slice.
+// The handler's work, on the main run loop's thread: log, disconnect once
+// and mark the tool terminated. The current slice then ends as soon as the
+// tunnel reports Disconnected (or Invalid), or at its deadline, so that the
+// statuses of the tunnel going down are still logged.
 void handle_signal(int signal);
 
 // Placeholder credentials from the unseeded C random generator.

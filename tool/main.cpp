@@ -6,6 +6,8 @@
 #include <chrono>
 
 int main(int argc, char** argv) {
+    make_standard_descriptors_valid();
+    watch_controller();
     DDLog::addTTYLogger();
 
     const cli::GBSettingsRef settings = parse_args(argc, argv);
@@ -29,6 +31,7 @@ int main(int argc, char** argv) {
     loop.deliverPendingSignals();
     while (!terminated) {
         loop.runUntil(platform::RunLoop::Clock::now() + std::chrono::milliseconds(500));
+        tend_controller();
     }
     return 0;
 }

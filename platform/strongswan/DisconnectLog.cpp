@@ -53,8 +53,23 @@ constexpr Rule kRules[] = {
     {R"(received DELETE for IKE_SA)", "deleted by peer"},
     // Our own note when charon went away under the tunnel.
     {R"(^charon closed the control connection$)", "VPN service stopped"},
+    // Our own note when the tunnel was stopped because the machine sleeps.
+    {R"(^logind: system going to sleep$)", "system going to sleep"},
     // Any other error notify the server sent while setting up.
     {R"(received ([A-Z0-9_]+) notify error)", ""},
+
+    // The VPN service itself: stopped, not there, not answering. Our own
+    // notes are whole lines; charon's shutdown line has no IKE_SA.
+    {R"(SIG[A-Z]+ received, shutting down)", "VPN service stopped"},
+    {R"(^charon is not running$)", "VPN service not running"},
+    {R"(^charon is not reachable$)", "VPN service not reachable"},
+    {R"(^charon did not answer$)", "VPN service not answering"},
+    {R"(^charon refused the profile$)", "VPN service refused the profile"},
+    // The IKE_SA came up but the tunnel (its CHILD_SA) was refused.
+    {R"(received NO_PROPOSAL_CHOSEN notify, no CHILD_SA built)", "no proposal chosen"},
+    {R"(received TS_UNACCEPTABLE notify, no CHILD_SA built)", "traffic selectors unacceptable"},
+    {R"(received ([A-Z0-9_]+) notify, no CHILD_SA built)", ""},
+    {R"(^charon built no tunnel$)", "tunnel not established"},
 };
 
 constexpr const char* kSilentEnds[] = {
@@ -67,12 +82,19 @@ constexpr const char* kSilentEnds[] = {
 
 // Lines that show the server's certificate chain was not trusted; when one
 // of them came first, a later "no trusted public key" line is about trust,
-// not about the identity.
+// not about the identity, and the earlier line says why (not trusted, or
+// revoked).
 constexpr const char* kTrustFailure =
     R"(no issuer certificate found for|constraint check failed: peer not authenticated by CA|)"
     R"(certificate was revoked)";
 constexpr const char* kTrustReason = "server certificate not trusted";
 constexpr const char* kIdentityReason = "server identity mismatch";
+
+// A missing public key with no certificate received before it: the server
+// sent none (it waits to be asked, and the tool asks for none).
+constexpr const char* kNoPublicKey = R"(no trusted \w+ public key found for)";
+constexpr const char* kCertificateReceived = R"(received end entity cert)";
+constexpr const char* kNoCertificateReason = "server sent no certificate";
 
 const RE2& trustFailure() {
     static const RE2 compiled(kTrustFailure);
@@ -124,6 +146,11 @@ std::optional<std::string> disconnectReasonForLine(const std::string& message) {
     return std::nullopt;
 }
 
+bool lineKeepsIkeSaWithoutTunnel(const std::string& message) {
+    static const RE2 pattern(R"(failed to establish CHILD_SA, keeping IKE_SA)");
+    return RE2::PartialMatch(message, pattern);
+}
+
 bool lineEndsSetupSilently(const std::string& message) {
     for (const auto& regex : silentEnds()) {
         if (RE2::PartialMatch(message, *regex)) {
@@ -169,13 +196,19 @@ std::string DisconnectLog::lastReason(std::optional<Clock::time_point> since) co
             continue;
         }
         if (*reason == kIdentityReason) {
+            bool certificate = false;
             for (auto earlier = std::next(it); earlier != lines_.rend(); ++earlier) {
                 if (since && earlier->when < *since) {
                     break;
                 }
                 if (RE2::PartialMatch(earlier->message, trustFailure())) {
-                    return kTrustReason;
+                    return disconnectReasonForLine(earlier->message).value_or(kTrustReason);
                 }
+                certificate = certificate || RE2::PartialMatch(earlier->message,
+                                                               kCertificateReceived);
+            }
+            if (!certificate && RE2::PartialMatch(it->message, kNoPublicKey)) {
+                return kNoCertificateReason;
             }
         }
         return *reason;

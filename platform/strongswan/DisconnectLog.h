@@ -22,6 +22,18 @@ std::optional<std::string> disconnectReasonForLine(const std::string& message);
 // event for it (setup timeout, DNS failure, key derivation failure).
 bool lineEndsSetupSilently(const std::string& message);
 
+// Whether a line says the IKE_SA is up but charon gave up on the tunnel
+// (its CHILD_SA) and keeps the IKE_SA without it.
+bool lineKeepsIkeSaWithoutTunnel(const std::string& message);
+
+// The backend's own notes (DisconnectLog::note), each with its reason.
+inline constexpr const char* kNoteCharonClosed = "charon closed the control connection";
+inline constexpr const char* kNoteCharonNotRunning = "charon is not running";
+inline constexpr const char* kNoteCharonNotReachable = "charon is not reachable";
+inline constexpr const char* kNoteCharonSilent = "charon did not answer";
+inline constexpr const char* kNoteCharonRefused = "charon refused the profile";
+inline constexpr const char* kNoteNoTunnel = "charon built no tunnel";
+
 class DisconnectLog {
 public:
     using Clock = std::chrono::system_clock;

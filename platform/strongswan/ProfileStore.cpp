@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -67,6 +68,11 @@ public:
         plist_get_bool_val(node, &value);
         out = value != 0;
         return true;
+    }
+    // A key that files written before it existed lack: absent reads as false.
+    bool optionalBoolean(plist_t parent, const char* key, bool& out) {
+        out = false;
+        return plist_dict_get_item(parent, key) == nullptr || boolean(parent, key, out);
     }
     bool number(plist_t parent, const char* key, std::int64_t low, std::int64_t high,
                 std::int64_t& out) {
@@ -226,6 +232,8 @@ std::string ProfileStore::serialize(const StoredProfile& profile) {
                         plist_new_bool(p.useExtendedAuthentication ? 1 : 0));
     plist_dict_set_item(proto, "EnableRevocationCheck",
                         plist_new_bool(p.enableRevocationCheck ? 1 : 0));
+    plist_dict_set_item(proto, "StrictRevocationCheck",
+                        plist_new_bool(p.strictRevocationCheck ? 1 : 0));
     plist_dict_set_item(proto, "EnablePFS", plist_new_bool(p.enablePFS ? 1 : 0));
     plist_dict_set_item(proto, "DisconnectOnSleep", plist_new_bool(p.disconnectOnSleep ? 1 : 0));
     plist_dict_set_item(proto, "DeadPeerDetectionRate",
@@ -273,6 +281,7 @@ bool ProfileStore::deserialize(const std::string& bytes, StoredProfile& profile,
         !read.number(proto, "AuthenticationMethod", 0, 2, auth) ||
         !read.boolean(proto, "UseExtendedAuthentication", p.useExtendedAuthentication) ||
         !read.boolean(proto, "EnableRevocationCheck", p.enableRevocationCheck) ||
+        !read.optionalBoolean(proto, "StrictRevocationCheck", p.strictRevocationCheck) ||
         !read.boolean(proto, "EnablePFS", p.enablePFS) ||
         !read.boolean(proto, "DisconnectOnSleep", p.disconnectOnSleep) ||
         !read.number(proto, "DeadPeerDetectionRate", 0, 3, dpd) ||
@@ -287,8 +296,12 @@ bool ProfileStore::deserialize(const std::string& bytes, StoredProfile& profile,
     return true;
 }
 
-bool ProfileStore::load(std::optional<StoredProfile>& profile, NSError& error) const {
+bool ProfileStore::load(std::optional<StoredProfile>& profile, NSError& error,
+                        bool* corrupt) const {
     profile.reset();
+    if (corrupt != nullptr) {
+        *corrupt = false;
+    }
     Fd fd(::open(path_.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
     if (fd.get() < 0) {
         if (errno == ENOENT) {
@@ -332,6 +345,9 @@ bool ProfileStore::load(std::optional<StoredProfile>& profile, NSError& error) c
     if (!deserialize(bytes, loaded, why)) {
         error = makeVPNError(NEVPNErrorConfigurationInvalid,
                              fmt::format("corrupt preferences {}: {}", path_, why));
+        if (corrupt != nullptr) {
+            *corrupt = true;
+        }
         return false;
     }
     profile = std::move(loaded);
@@ -400,6 +416,15 @@ bool ProfileStore::save(const StoredProfile& profile, NSError& error) const {
         return false;
     }
     ::fsync(dir.get());
+    return true;
+}
+
+bool ProfileStore::setAside(NSError& error) const {
+    const std::string aside = path_ + ".corrupt";
+    if (::rename(path_.c_str(), aside.c_str()) != 0 && errno != ENOENT) {
+        error = ioError("cannot move aside", path_, errno);
+        return false;
+    }
     return true;
 }
 

@@ -43,8 +43,13 @@ public:
     const std::string& path() const { return path_; }
 
     // No file: true with `profile` empty. An unreadable or corrupt file, or
-    // a symbolic link in its place: false with `error`.
-    bool load(std::optional<StoredProfile>& profile, NSError& error) const;
+    // a symbolic link in its place: false with `error`; `corrupt` (when
+    // given) tells a file that was read but holds no profile.
+    bool load(std::optional<StoredProfile>& profile, NSError& error,
+              bool* corrupt = nullptr) const;
+    // Keeps a corrupt file aside, under the path with ".corrupt" appended
+    // (replacing an earlier one), rather than deleting it.
+    bool setAside(NSError& error) const;
     bool save(const StoredProfile& profile, NSError& error) const;
     // Deletes the file; a missing file is not an error.
     bool remove(NSError& error) const;

@@ -1,22 +1,35 @@
 // The process-wide entry points of the strongSwan backend: one manager on
 // the main run loop, with charon's default socket and the default
-// preferences file, notifying the status observers.
+// preferences file, notifying the status observers and watching for sleep
+// on the system bus.
 
 #include "platform/NEVPN.h"
 #include "platform/linux/IoContext.h"
 #include "platform/strongswan/StrongSwanManager.h"
 
+#include <cstdlib>
+
 namespace platform {
 
 namespace {
 
+strongswan::StrongSwanManager& shared();
+
+void finishAtExit() {
+    shared().finish();
+}
+
 strongswan::StrongSwanManager& shared() {
     // Never destroyed: the process may exit from inside a run-loop handler,
-    // and the manager's sockets live on that loop.
+    // and the manager's sockets live on that loop. Whatever way the process
+    // ends through exit(), what it left in charon goes first.
     static auto* manager = [] {
         strongswan::StrongSwanOptions options;
         options.statusChanged = [] { postStatusDidChange(); };
-        return new strongswan::StrongSwanManager(mainIoContext(), std::move(options));
+        options.sleep.bus = strongswan::kSystemBus;
+        auto* created = new strongswan::StrongSwanManager(mainIoContext(), std::move(options));
+        std::atexit(finishAtExit);
+        return created;
     }();
     return *manager;
 }

@@ -1,5 +1,7 @@
 #include "platform/strongswan/StatusTracker.h"
 
+#include <algorithm>
+
 namespace platform::strongswan {
 
 StatusTracker::StatusTracker(std::string connection, std::string child)
@@ -69,11 +71,33 @@ const ViciSection* StatusTracker::ourChild(const ViciSection& sa) const {
     return nullptr;
 }
 
+// A down event of the IKE_SA that carries the tunnel while charon
+// re-authenticates it (the server's AUTH_LIFETIME, or its own reauth_time):
+// a new IKE_SA of the connection takes the tunnel over.
+bool StatusTracker::reauthenticating(const ViciSection& sa) const {
+    const std::vector<std::string>* tasks = sa.list("tasks-active");
+    if (tasks == nullptr || status_ != NEVPNStatusConnected) {
+        return false;
+    }
+    return std::any_of(tasks->begin(), tasks->end(), [](const std::string& task) {
+        return task == "IKE_REAUTH" || task == "IKE_REAUTH_COMPLETE";
+    });
+}
+
 // An event about an IKE_SA of our connection other than the one carrying
 // the tunnel (for instance the old SA of a rekeying).
 bool StatusTracker::tracksOther(const ViciSection& sa) const {
     const std::string* id = sa.value("uniqueid");
     return !ikeId_.empty() && id != nullptr && *id != ikeId_;
+}
+
+// A down event, while the tunnel is still being set up, of an IKE_SA that
+// had been up: one an earlier run left, which the start ends. The new one
+// has not been up yet, or its up event would have named it.
+bool StatusTracker::leftByAnEarlierRun(const ViciSection& sa) const {
+    const std::string state = sa.get("state");
+    return status_ == NEVPNStatusConnecting && ikeId_.empty() && state != "CONNECTING" &&
+           state != "CREATED";
 }
 
 bool StatusTracker::onEvent(const std::string& name, const ViciSection& event) {
@@ -92,7 +116,11 @@ bool StatusTracker::onEvent(const std::string& name, const ViciSection& event) {
             }
             return false;
         }
-        if (tracksOther(*sa) || sa->get("state") == "REKEYED") {
+        if (tracksOther(*sa) || leftByAnEarlierRun(*sa) || sa->get("state") == "REKEYED") {
+            return false;
+        }
+        if (reauthenticating(*sa)) {
+            ikeId_.clear();  // the next IKE_SA that comes up carries it
             return false;
         }
         return end();
@@ -112,7 +140,11 @@ bool StatusTracker::onEvent(const std::string& name, const ViciSection& event) {
             }
             return false;
         }
-        if (child->get("state") == "REKEYED") {
+        if (child->get("state") == "REKEYED" || leftByAnEarlierRun(*sa)) {
+            return false;
+        }
+        if (reauthenticating(*sa)) {
+            ikeId_.clear();
             return false;
         }
         return end();

@@ -38,6 +38,8 @@ private:
     const ViciSection* ours(const ViciSection& event) const;
     const ViciSection* ourChild(const ViciSection& sa) const;
     bool tracksOther(const ViciSection& sa) const;
+    bool reauthenticating(const ViciSection& sa) const;
+    bool leftByAnEarlierRun(const ViciSection& sa) const;
 
     std::string connection_;
     std::string child_;

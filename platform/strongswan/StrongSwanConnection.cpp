@@ -2,7 +2,10 @@
 #include "platform/strongswan/StrongSwanManager.h"
 #include "platform/strongswan/ViciProfile.h"
 
+#include <asio/error.hpp>
 #include <asio/post.hpp>
+
+#include <cerrno>
 
 namespace platform::strongswan {
 
@@ -20,7 +23,9 @@ StrongSwanConnection::StrongSwanConnection(StrongSwanManager& manager, asio::io_
       options_(options),
       tracker_(kVPNProfileName, kChildName),
       log_(kVPNProfileName),
-      pollTimer_(context) {}
+      trust_(context, options.trustBundles),
+      pollTimer_(context),
+      sleep_(context, options.sleep, [this] { stopForSleep(); }) {}
 
 StrongSwanConnection::~StrongSwanConnection() {
     *alive_ = false;
@@ -49,15 +54,16 @@ void StrongSwanConnection::changed(bool didChange) {
     }
     if (tracker_.status() == NEVPNStatusDisconnected) {
         tunnelEnded();
+        sleep_.end();
     }
 }
 
-bool StrongSwanConnection::openEvents(std::string& error) {
+bool StrongSwanConnection::openEvents(std::string& error, std::error_code& cause) {
     if (events_ && events_->isOpen()) {
         return true;
     }
     events_ = ViciClient::create(context_, options_.socketPath);
-    if (!events_->connect(error)) {
+    if (!events_->connect(error, &cause)) {
         events_.reset();
         return false;
     }
@@ -75,13 +81,13 @@ bool StrongSwanConnection::openEvents(std::string& error) {
     return true;
 }
 
-bool StrongSwanConnection::openCommands(std::string& error) {
+bool StrongSwanConnection::openCommands(std::string& error, std::error_code& cause) {
     if (commands_ && commands_->isOpen()) {
         return true;
     }
     commands_ = ViciClient::create(context_, options_.socketPath);
     listSaRegistered_ = false;
-    if (!commands_->connect(error)) {
+    if (!commands_->connect(error, &cause)) {
         commands_.reset();
         return false;
     }
@@ -110,43 +116,99 @@ OptionalError StrongSwanConnection::startVPNTunnel(const NEVPNStartOptions& opti
     if (!manager_.connectionLoaded() && !buildLoadConn(*protocol, conn, error)) {
         return makeVPNError(NEVPNErrorConfigurationInvalid, error);
     }
-    bool freshEvents = !(events_ && events_->isOpen());
-    if (!openEvents(error) || !openCommands(error)) {
-        return makeVPNError(NEVPNErrorConnectionFailed, "charon not reachable: " + error);
+    ViciSection secret;
+    if (!buildLoadShared(options.username, options.password, secret, error)) {
+        return makeVPNError(NEVPNErrorConfigurationInvalid, error);
     }
-
+    bool freshEvents = !(events_ && events_->isOpen());
     std::uint64_t generation = ++generation_;
     log_.clear();
     started_ = true;
     initiated_ = false;
     pendingPrerequisites_ = 0;
+    std::error_code cause;
+    if (!openEvents(error, cause) || !openCommands(error, cause)) {
+        // The start is taken all the same and ends at once with its reason,
+        // so that a controller can tell a missing charon from other ends.
+        DDLogDebug("IKEv2 charon not reachable: {}", error);
+        secret.wipe();
+        bool absent = cause.category() == asio::system_category() &&
+                      (cause.value() == ENOENT || cause.value() == ECONNREFUSED);
+        changed(tracker_.startRequested());
+        asio::post(context_, [this, alive = std::weak_ptr<bool>(alive_), generation, absent] {
+            if (alive.lock() && generation == generation_) {
+                failStart(absent ? kNoteCharonNotRunning : kNoteCharonNotReachable);
+            }
+        });
+        return std::nullopt;
+    }
+
     std::weak_ptr<bool> alive = alive_;
     auto prerequisite = [this, alive, generation](const char* what) {
         ++pendingPrerequisites_;
         return [this, alive, generation, what](ViciReply reply) {
             if (alive.lock()) {
+                // "no matching SAs" is the usual answer to the terminate.
                 bool ok = reply.ok() && (reply.message.value("success") == nullptr ||
-                                         reply.succeeded());
+                                         reply.succeeded() || what == std::string("terminate"));
                 prerequisiteDone(generation, ok, what, reply);
             }
         };
     };
+    // The server's certificate is checked against the system's trust
+    // anchors: charon must have them before the exchange.
+    if (!trust_.finished()) {
+        trust_.sync(commands_, [done = prerequisite("trust anchors")] {
+            ViciReply reply;
+            reply.status = ViciReply::Status::Ok;
+            done(std::move(reply));
+        });
+    }
     // The events must be registered before charon starts the exchange, or
     // the first lines and a quick failure could be missed.
     if (freshEvents) {
         for (const char* event : kMonitoredEvents) {
-            events_->registerEvent(event, prerequisite(event));
+            events_->registerEvent(event, prerequisite(event), options_.configTimeout);
         }
     }
-    ViciSection secret;
-    buildLoadShared(options.username, options.password, secret);
-    commands_->request("load-shared", secret, prerequisite("load-shared"));
+    // An IKE_SA a killed or stuck earlier run left would make charon refuse
+    // the new tunnel as a duplicate; its secret the load-shared replaces.
+    // This goes along with the registrations on the other connection.
+    commands_->request("terminate", buildTerminate(), prerequisite("terminate"),
+                       options_.configTimeout);
+    commands_->request("load-shared", secret, prerequisite("load-shared"), options_.configTimeout);
     secret.wipe();
+    secretLoaded_ = true;
     if (!manager_.connectionLoaded()) {
-        commands_->request("load-conn", conn, prerequisite("load-conn"));
+        commands_->request("load-conn", conn, prerequisite("load-conn"), options_.configTimeout);
     }
     changed(tracker_.startRequested());
+    if (protocol->disconnectOnSleep) {
+        sleep_.begin();
+    }
     return std::nullopt;
+}
+
+void StrongSwanConnection::prepareTrust() {
+    std::weak_ptr<bool> alive = alive_;
+    asio::post(context_, [this, alive] {
+        if (!alive.lock() || trust_.finished()) {
+            return;
+        }
+        std::string error;
+        std::error_code cause;
+        if (!openCommands(error, cause)) {
+            DDLogDebug("IKEv2 charon not reachable for the trust anchors: {}", error);
+            return;
+        }
+        trust_.sync(commands_, {});
+    });
+}
+
+void StrongSwanConnection::failStart(const char* note) {
+    ++generation_;
+    log_.note(note);
+    changed(tracker_.startFailed());
 }
 
 void StrongSwanConnection::prerequisiteDone(std::uint64_t generation, bool ok,
@@ -157,12 +219,13 @@ void StrongSwanConnection::prerequisiteDone(std::uint64_t generation, bool ok,
     if (!ok) {
         DDLogDebug("IKEv2 {} failed: {}", what, reply.failure());
         // An event charon does not know is no reason to give up; a refused
-        // secret or connection is.
+        // secret or connection is, and so is a charon that does not answer.
         bool optional = reply.status == ViciReply::Status::Unknown &&
                         (what == "ike-update" || what == "ike-rekey");
         if (!optional) {
-            ++generation_;
-            changed(tracker_.startFailed());
+            failStart(reply.timedOut()                             ? kNoteCharonSilent
+                      : reply.status == ViciReply::Status::Failed ? kNoteCharonClosed
+                                                                   : kNoteCharonRefused);
             return;
         }
     }
@@ -177,9 +240,10 @@ void StrongSwanConnection::prerequisiteDone(std::uint64_t generation, bool ok,
 void StrongSwanConnection::sendInitiate(std::uint64_t generation) {
     if (!commands_ || !commands_->isOpen()) {
         DDLogDebug("IKEv2 command connection lost before initiate");
-        changed(tracker_.startFailed());
+        failStart(kNoteCharonClosed);
         return;
     }
+    saMayExist_ = true;
     std::weak_ptr<bool> alive = alive_;
     commands_->request(
         "initiate", buildInitiate(),
@@ -204,52 +268,88 @@ void StrongSwanConnection::stopVPNTunnel() {
     if (!started_) {
         return;
     }
-    ViciSyncClient vici(options_.socketPath);
-    std::string error;
-    if (vici.connect(error)) {
-        auto deadline = ViciSyncClient::Clock::now() + options_.stopTimeout;
-        ViciReply reply = vici.request("terminate", buildTerminate(), deadline);
-        if (!reply.succeeded()) {
-            DDLogDebug("IKEv2 terminate: {}", reply.failure());
-        }
-        deadline = ViciSyncClient::Clock::now() + options_.stopTimeout;
-        reply = vici.request("unload-shared", buildUnloadShared(), deadline);
-        if (!reply.succeeded()) {
-            DDLogDebug("IKEv2 unload-shared: {}", reply.failure());
-        }
-    } else {
-        DDLogDebug("IKEv2 charon not reachable to stop the tunnel: {}", error);
-    }
+    releaseCharon(true);
     changed(tracker_.stopRequested());
     if (tracker_.active()) {
-        // Terminating a half-open SA raises no event: look for it soon.
-        schedulePoll(options_.silentEndCheck);
+        // A forced terminate has destroyed the IKE_SA before it answers, but
+        // one that was still being set up goes without an event.
+        schedulePoll(std::chrono::milliseconds(0));
     }
+}
+
+// The secret first: unloading it never waits for an IKE_SA, while a
+// terminate may wait for charon's worker that holds one.
+void StrongSwanConnection::releaseCharon(bool terminate) {
+    terminate = terminate && saMayExist_;
+    if (charonSilent_ || (!secretLoaded_ && !terminate)) {
+        return;
+    }
+    ViciSyncClient vici(options_.socketPath);
+    std::string error;
+    if (!vici.connect(error)) {
+        DDLogDebug("IKEv2 charon not reachable to release the tunnel: {}", error);
+        return;
+    }
+    auto exchange = [&](const char* command, const ViciSection& message) {
+        ViciReply reply = vici.request(command, message,
+                                       ViciSyncClient::Clock::now() + options_.stopTimeout);
+        if (!reply.succeeded()) {
+            DDLogDebug("IKEv2 {}: {}", command, reply.failure());
+        }
+        // A charon that does not answer is not waited for again; the next
+        // run of the tool cleans up what is left.
+        charonSilent_ = reply.timedOut();
+        return reply.ok();
+    };
+    if (secretLoaded_ && exchange("unload-shared", buildUnloadShared())) {
+        secretLoaded_ = false;
+    }
+    if (!terminate) {
+        return;
+    }
+    if (!charonSilent_) {
+        saMayExist_ = !exchange("terminate", buildTerminate());
+        return;
+    }
+    // A frozen charon still takes requests into its socket's queue and
+    // carries them out once it runs again, after this process is gone.
+    ViciSyncClient later(options_.socketPath);
+    if (later.connect(error) &&
+        later.send("terminate", buildTerminate(),
+                   ViciSyncClient::Clock::now() + options_.stopTimeout, error)) {
+        saMayExist_ = false;
+    }
+}
+
+void StrongSwanConnection::finish() {
+    releaseCharon(true);
+}
+
+void StrongSwanConnection::abandonSetup() {
+    if (log_.lastReason(std::nullopt).empty()) {
+        log_.note(kNoteNoTunnel);
+    }
+    ++generation_;
+    releaseCharon(true);
+    changed(tracker_.startFailed());
 }
 
 void StrongSwanConnection::tunnelEnded() {
     pollTimer_.cancel();
     pollScheduled_ = false;
     initiated_ = false;
-    // Synchronously, like the stop: the status notification that follows
-    // may end the process, and the secret must not stay behind in charon.
-    ViciSyncClient vici(options_.socketPath);
-    std::string error;
-    if (!vici.connect(error)) {
-        DDLogDebug("IKEv2 charon not reachable to unload the secret: {}", error);
-        return;
-    }
-    ViciReply reply = vici.request("unload-shared", buildUnloadShared(),
-                                   ViciSyncClient::Clock::now() + options_.stopTimeout);
-    if (!reply.succeeded()) {
-        DDLogDebug("IKEv2 unload-shared: {}", reply.failure());
-    }
+    // The secret stays loaded until the process ends (finish).
 }
 
 void StrongSwanConnection::onEvent(const std::string& name, const ViciSection& event) {
     if (name == "log") {
-        if (log_.add(event) && tracker_.active() && initiated_ &&
-            lineEndsSetupSilently(event.get("msg"))) {
+        if (!log_.add(event) || !tracker_.active()) {
+            return;
+        }
+        const std::string message = event.get("msg");
+        if (tracker_.status() == NEVPNStatusConnecting && lineKeepsIkeSaWithoutTunnel(message)) {
+            abandonSetup();
+        } else if (initiated_ && lineEndsSetupSilently(message)) {
             schedulePoll(options_.silentEndCheck);
         }
         return;
@@ -275,7 +375,7 @@ void StrongSwanConnection::onEventsClosed(const std::string& reason) {
     // A restarted charon has forgotten the connection loaded over VICI.
     manager_.setConnectionLoaded(false);
     if (tracker_.active()) {
-        log_.note("charon closed the control connection");
+        log_.note(reason == kViciTimeoutError ? kNoteCharonSilent : kNoteCharonClosed);
         changed(tracker_.tunnelGone());
     }
 }
@@ -305,7 +405,8 @@ void StrongSwanConnection::poll() {
         return;
     }
     std::string error;
-    if (!openCommands(error)) {
+    std::error_code cause;
+    if (!openCommands(error, cause)) {
         DDLogDebug("IKEv2 cannot check the tunnel: {}", error);
         schedulePoll(regularPollInterval());
         return;
@@ -360,8 +461,40 @@ std::string StrongSwanConnection::lastDisconnectError(
         if (!log_.lastReason(since).empty()) {
             break;
         }
+        if (!events_->isOpen()) {
+            // charon went away right after the tunnel: it is shutting down
+            // (its own line about it does not always make it out).
+            log_.note(kNoteCharonClosed);
+        }
     }
     return log_.lastReason(since);
+}
+
+void StrongSwanConnection::stopForSleep() {
+    if (!tracker_.active()) {
+        return;
+    }
+    log_.note(kSleepNote);
+    changed(tracker_.stopRequested());
+    // Unlike a stop on request, the server gets a bounded moment to
+    // acknowledge the DELETE (charon forces the end after it), so that it
+    // knows the tunnel is gone before the machine goes quiet. The ordinary
+    // stop follows for the rest.
+    ViciSyncClient vici(options_.socketPath);
+    std::string error;
+    if (vici.connect(error)) {
+        ViciSection terminate;
+        terminate.add("ike", kVPNProfileName)
+            .add("force", "yes")
+            .add("timeout", std::to_string(options_.sleep.acknowledgeWait.count()));
+        auto deadline =
+            ViciSyncClient::Clock::now() + options_.sleep.acknowledgeWait + options_.stopTimeout;
+        ViciReply reply = vici.request("terminate", terminate, deadline);
+        if (!reply.succeeded()) {
+            DDLogDebug("IKEv2 terminate before sleep: {}", reply.failure());
+        }
+    }
+    stopVPNTunnel();
 }
 
 }  // namespace platform::strongswan

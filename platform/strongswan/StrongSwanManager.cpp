@@ -21,7 +21,10 @@ ViciSyncClient::Clock::time_point after(std::chrono::milliseconds timeout) {
 }  // namespace
 
 StrongSwanManager::StrongSwanManager(asio::io_context& context, StrongSwanOptions options)
-    : context_(context), options_(std::move(options)), store_(options_.preferencesPath) {
+    : context_(context),
+      options_(std::move(options)),
+      store_(options_.preferencesPath),
+      lock_(options_.lockPath) {
     connection_ = std::make_unique<StrongSwanConnection>(*this, context_, options_);
 }
 
@@ -38,9 +41,15 @@ void StrongSwanManager::complete(CompletionHandler handler, OptionalError error)
 void StrongSwanManager::loadFromPreferences(CompletionHandler handler) {
     std::optional<StoredProfile> profile;
     NSError error;
-    if (!store_.load(profile, error)) {
-        complete(std::move(handler), error);
-        return;
+    if (!store_.load(profile, error, &corrupt_)) {
+        if (!corrupt_) {
+            complete(std::move(handler), error);
+            return;
+        }
+        // The file still stands for the profile, as the platform's
+        // preferences would: a save replaces it and a remove clears it.
+        DDLogDebug("IKEv2 unreadable profile: {}", error.description);
+        profile = StoredProfile{};
     }
     if (profile) {
         protocol_ = profile->protocol;
@@ -54,6 +63,9 @@ void StrongSwanManager::loadFromPreferences(CompletionHandler handler) {
     complete(std::move(handler), std::nullopt);
 }
 
+// All or nothing: the file is written only once charon has taken the
+// connection (or cannot be reached), and a file that cannot be written
+// takes the connection back out of charon.
 void StrongSwanManager::saveToPreferences(CompletionHandler handler) {
     if (!protocol_) {
         complete(std::move(handler),
@@ -66,56 +78,67 @@ void StrongSwanManager::saveToPreferences(CompletionHandler handler) {
         complete(std::move(handler), makeVPNError(NEVPNErrorConfigurationInvalid, why));
         return;
     }
-    StoredProfile profile{*protocol_, enabled_, localizedDescription_};
-    NSError error;
-    if (!store_.save(profile, error)) {
-        complete(std::move(handler), error);
+    if (!lock_.acquire(why)) {
+        complete(std::move(handler), makeVPNError(NEVPNErrorConfigurationReadWriteFailed, why));
         return;
     }
     connectionLoaded_ = false;
     ViciSyncClient vici(options_.socketPath);
-    if (!vici.connect(why)) {
-        // The file is the saved profile; the start loads it into charon.
+    if (vici.connect(why)) {
+        ViciReply reply = vici.request("load-conn", conn, after(options_.configTimeout));
+        if (reply.status == ViciReply::Status::Failed) {
+            // The file is the saved profile; the start loads it into charon.
+            DDLogDebug("IKEv2 load-conn got no answer: {}", reply.failure());
+        } else if (!reply.succeeded()) {
+            complete(std::move(handler),
+                     makeVPNError(NEVPNErrorConfigurationInvalid,
+                                  "charon refused the connection: " + reply.failure()));
+            return;
+        } else {
+            connectionLoaded_ = true;
+        }
+    } else {
         DDLogDebug("IKEv2 charon not reachable, connection not loaded: {}", why);
-        complete(std::move(handler), std::nullopt);
+    }
+    NSError error;
+    StoredProfile profile{*protocol_, enabled_, localizedDescription_};
+    if ((corrupt_ && !store_.setAside(error)) || !store_.save(profile, error)) {
+        if (connectionLoaded_) {
+            vici.request("unload-conn", buildUnloadConn(), after(options_.configTimeout));
+            connectionLoaded_ = false;
+        }
+        complete(std::move(handler), error);
         return;
     }
-    ViciReply reply = vici.request("load-conn", conn, after(options_.configTimeout));
-    if (reply.status == ViciReply::Status::Failed) {
-        DDLogDebug("IKEv2 load-conn got no answer: {}", reply.failure());
-        complete(std::move(handler), std::nullopt);
-        return;
-    }
-    if (!reply.succeeded()) {
-        complete(std::move(handler),
-                 makeVPNError(NEVPNErrorConfigurationInvalid,
-                              "charon refused the connection: " + reply.failure()));
-        return;
-    }
-    connectionLoaded_ = true;
+    corrupt_ = false;
     complete(std::move(handler), std::nullopt);
+    // After the completion, in the idle time before a start: a run that
+    // ends in the completion (create only) never loads them.
+    connection_->prepareTrust();
 }
 
+// Removing the profile also ends its live tunnel, as on the platform; a
+// corrupt file is kept aside rather than deleted.
 void StrongSwanManager::removeFromPreferences(CompletionHandler handler) {
     NSError error;
-    if (!store_.remove(error)) {
+    if (!(corrupt_ ? store_.setAside(error) : store_.remove(error))) {
         complete(std::move(handler), error);
         return;
     }
     protocol_.reset();
+    corrupt_ = false;
     connectionLoaded_ = false;
     ViciSyncClient vici(options_.socketPath);
     std::string why;
     if (vici.connect(why)) {
         // "not found" only means charon never had it (or lost it on restart).
-        ViciReply reply =
-            vici.request("unload-conn", buildUnloadConn(), after(options_.configTimeout));
-        if (!reply.succeeded()) {
-            DDLogDebug("IKEv2 unload-conn: {}", reply.failure());
-        }
-        reply = vici.request("unload-shared", buildUnloadShared(), after(options_.configTimeout));
-        if (!reply.succeeded()) {
-            DDLogDebug("IKEv2 unload-shared: {}", reply.failure());
+        for (const auto& [command, message] :
+             {std::pair{"terminate", buildTerminate()}, std::pair{"unload-conn", buildUnloadConn()},
+              std::pair{"unload-shared", buildUnloadShared()}}) {
+            ViciReply reply = vici.request(command, message, after(options_.configTimeout));
+            if (!reply.succeeded()) {
+                DDLogDebug("IKEv2 {}: {}", command, reply.failure());
+            }
         }
     } else {
         DDLogDebug("IKEv2 charon not reachable, nothing to unload: {}", why);
@@ -125,6 +148,10 @@ void StrongSwanManager::removeFromPreferences(CompletionHandler handler) {
 
 std::string StrongSwanManager::lastDisconnectError(std::optional<SystemClock::time_point> since) {
     return connection_->lastDisconnectError(since);
+}
+
+void StrongSwanManager::finish() {
+    connection_->finish();
 }
 
 std::optional<std::vector<NetworkService>> StrongSwanManager::networkServices() {

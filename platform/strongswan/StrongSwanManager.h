@@ -7,13 +7,23 @@
 // Two VICI connections serve the tunnel: one that only receives events
 // (ike-updown, child-updown, ike-rekey, ike-update, log) and one for
 // commands. Calls that must be done before they return (stop, save,
-// remove, the service list) use a short-lived blocking connection of their
-// own with bounded waits.
+// remove, the service list, the end of the process) use a short-lived
+// blocking connection of their own with bounded waits.
+//
+// What the tool leaves in charon is its own business: the EAP secret stays
+// loaded while the process runs (a server may demand re-authentication at
+// any time) and is unloaded when it ends (finish()), as is an IKE_SA that
+// is still there. One process at a time writes the profile and runs its
+// tunnel (ProfileLock); its start first ends what a killed or stuck
+// earlier run left in charon.
 
 #include "platform/NEVPN.h"
 #include "platform/strongswan/DisconnectLog.h"
+#include "platform/strongswan/ProfileLock.h"
 #include "platform/strongswan/ProfileStore.h"
+#include "platform/strongswan/SleepWatch.h"
 #include "platform/strongswan/StatusTracker.h"
+#include "platform/strongswan/SystemTrust.h"
 #include "platform/strongswan/ViciClient.h"
 
 #include <asio/io_context.hpp>
@@ -23,6 +33,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <system_error>
 #include <vector>
 
 namespace platform::strongswan {
@@ -30,6 +41,9 @@ namespace platform::strongswan {
 struct StrongSwanOptions {
     std::string socketPath = kViciDefaultSocket;
     std::string preferencesPath = kDefaultPreferencesPath;
+    // Where to look for the system's trust store (SystemTrust.h).
+    std::vector<std::string> trustBundles = defaultTrustBundles();
+    std::string lockPath = kDefaultLockPath;
     // Called (on the io_context) after every status change.
     std::function<void()> statusChanged;
     // How often charon is asked whether the tunnel's IKE_SA still exists
@@ -44,12 +58,16 @@ struct StrongSwanOptions {
     // Waiting for log lines that trail the down event.
     std::chrono::milliseconds lateLogLimit{300};
     std::chrono::milliseconds lateLogQuiet{50};
-    // Each blocking exchange of the stop path.
+    // Each blocking exchange of the stop path and of the end of the process.
     std::chrono::milliseconds stopTimeout{500};
-    // Blocking exchanges of save, remove and the service list.
+    // Blocking exchanges of save, remove and the service list, and the
+    // requests that prepare a start.
     std::chrono::milliseconds configTimeout{3000};
     // initiate blocks charon's worker while it resolves the server name.
     std::chrono::milliseconds initiateTimeout{30000};
+    // Stopping the tunnel before the machine sleeps (profiles that ask for
+    // it); no bus by default.
+    SleepOptions sleep;
 };
 
 class StrongSwanManager;
@@ -66,14 +84,30 @@ public:
     OptionalError startVPNTunnel(const NEVPNStartOptions& options) override;
     void stopVPNTunnel() override;
 
+    // After what is already queued on the run loop, starts giving charon the
+    // system's trust anchors, so that a start soon after need not wait.
+    void prepareTrust();
+
     // The reason of the last disconnect since `since`, after giving late
     // log lines a short bounded time to arrive.
     std::string lastDisconnectError(std::optional<SystemClock::time_point> since);
     const std::vector<std::string>& localVips() const { return tracker_.localVips(); }
 
+    // The end of the process: unloads the secret and ends an IKE_SA this
+    // process started, unless charon is known not to answer.
+    void finish();
+
 private:
-    bool openEvents(std::string& error);
-    bool openCommands(std::string& error);
+    bool openEvents(std::string& error, std::error_code& cause);
+    bool openCommands(std::string& error, std::error_code& cause);
+    // A start that cannot go ahead ends as a tunnel that went down, with
+    // `note` in the log for its reason.
+    void failStart(const char* note);
+    // Unloads the secret, then (when `terminate`) ends the connection's
+    // IKE_SAs: each exchange bounded, nothing more once charon is silent.
+    void releaseCharon(bool terminate);
+    // The IKE_SA is up but charon gave up on the tunnel.
+    void abandonSetup();
     void onEvent(const std::string& name, const ViciSection& event);
     void onCommandEvent(const std::string& name, const ViciSection& event);
     void onEventsClosed(const std::string& reason);
@@ -86,6 +120,7 @@ private:
     // The interval to the next regular check, by the tunnel's status.
     std::chrono::milliseconds regularPollInterval() const;
     void poll();
+    void stopForSleep();
 
     StrongSwanManager& manager_;
     asio::io_context& context_;
@@ -95,6 +130,7 @@ private:
     bool listSaRegistered_ = false;
     StatusTracker tracker_;
     DisconnectLog log_;
+    SystemTrust trust_;
     LoopTimer pollTimer_;
     bool pollScheduled_ = false;
     bool pollInFlight_ = false;
@@ -102,9 +138,13 @@ private:
     std::vector<std::string> pollVips_;
     bool initiated_ = false;
     bool started_ = false;
+    bool secretLoaded_ = false;
+    bool saMayExist_ = false;
+    bool charonSilent_ = false;
     int pendingPrerequisites_ = 0;
     std::uint64_t generation_ = 0;
     std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
+    SleepWatch sleep_;
 };
 
 class StrongSwanManager final : public NEVPNManager {
@@ -119,6 +159,8 @@ public:
 
     // Backs platform::fetchLastDisconnectError.
     std::string lastDisconnectError(std::optional<SystemClock::time_point> since);
+    // Called when the process ends (see StrongSwanConnection::finish).
+    void finish();
     // Backs platform::copyAllNetworkServices: the connections charon has
     // loaded; the tool's own carries the interface of its virtual IP
     // ("ipsec0" when none is found). None when charon cannot be reached.
@@ -136,6 +178,10 @@ private:
     asio::io_context& context_;
     StrongSwanOptions options_;
     ProfileStore store_;
+    ProfileLock lock_;
+    // The preferences file is there but holds no profile: saving or
+    // removing the profile keeps it aside.
+    bool corrupt_ = false;
     bool connectionLoaded_ = false;
     std::unique_ptr<StrongSwanConnection> connection_;
 };

@@ -73,7 +73,7 @@ ViciClient::~ViciClient() {
     socket_.close(ignored);
 }
 
-bool ViciClient::connect(std::string& error) {
+bool ViciClient::connect(std::string& error, std::error_code* cause) {
     if (open_) {
         return true;
     }
@@ -81,6 +81,9 @@ bool ViciClient::connect(std::string& error) {
     socket_.connect(asio::local::stream_protocol::endpoint(path_), ec);
     if (ec) {
         error = fmt::format("cannot connect to {}: {}", path_, ec.message());
+        if (cause != nullptr) {
+            *cause = ec;
+        }
         std::error_code ignored;
         socket_.close(ignored);
         return false;
@@ -151,7 +154,7 @@ void ViciClient::startNext() {
     timer_.async_wait([weak](const std::error_code& ec) {
         auto self = weak.lock();
         if (!ec && self) {
-            self->fail("timed out waiting for the daemon", true);
+            self->fail(kViciTimeoutError, true);
         }
     });
     asio::async_write(socket_, asio::buffer(op.frame),
@@ -383,7 +386,7 @@ bool ViciSyncClient::writeAll(const std::string& frame, Clock::time_point deadli
             continue;
         }
         if (ready <= 0) {
-            error = ready == 0 ? "timed out writing to the daemon"
+            error = ready == 0 ? std::string(kViciTimeoutError)
                                : fmt::format("poll: {}", std::strerror(errno));
             return false;
         }
@@ -495,7 +498,7 @@ ViciReply ViciSyncClient::exchange(ViciPacketType type, const std::string& name,
             continue;
         }
         if (ready <= 0) {
-            reply.error = ready == 0 ? "timed out waiting for the daemon"
+            reply.error = ready == 0 ? std::string(kViciTimeoutError)
                                      : fmt::format("poll: {}", std::strerror(errno));
             closeSocket();
             return reply;

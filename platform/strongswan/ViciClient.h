@@ -27,11 +27,14 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <system_error>
 
 namespace platform::strongswan {
 
 // charon's default socket.
 inline constexpr const char* kViciDefaultSocket = "/var/run/charon.vici";
+// The error of a reply the daemon did not give in time.
+inline constexpr const char* kViciTimeoutError = "timed out waiting for the daemon";
 
 struct ViciReply {
     enum class Status {
@@ -49,6 +52,8 @@ struct ViciReply {
     // A one-line description of the failure: the transport error, or the
     // daemon's errmsg.
     std::string failure() const;
+    // No answer in time: the daemon is there but does not answer.
+    bool timedOut() const { return status == Status::Failed && error == kViciTimeoutError; }
 };
 
 using ViciReplyHandler = std::function<void(ViciReply reply)>;
@@ -66,8 +71,9 @@ public:
     ViciClient& operator=(const ViciClient&) = delete;
 
     // Connects (a local socket connects at once or not at all) and starts
-    // reading. False with `error` when the daemon is not there.
-    bool connect(std::string& error);
+    // reading. False with `error` (and `cause`, when given) when the daemon
+    // is not there.
+    bool connect(std::string& error, std::error_code* cause = nullptr);
     bool isOpen() const { return open_; }
     // Closes the connection; queued operations fail with "closed".
     void close();

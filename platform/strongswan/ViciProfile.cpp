@@ -1,6 +1,10 @@
 #include "platform/strongswan/ViciProfile.h"
 
+#include "platform/strongswan/CharonValues.h"
+
 #include <fmt/format.h>
+
+#include <algorithm>
 
 namespace platform::strongswan {
 
@@ -139,17 +143,26 @@ std::string join(std::initializer_list<const std::string*> items) {
     return out;
 }
 
-// Lifetimes: rekey at 90 % of the lifetime, the rest is the hard margin.
+// Lifetimes. A CHILD_SA is rekeyed at 90 % of its lifetime. The IKE_SA is
+// rekeyed a margin before its lifetime ends: charon takes the same margin
+// (over_time) as the time it re-authenticates before a server's
+// AUTH_LIFETIME runs out, and re-authenticates at once, again and again,
+// when the server's lifetime is shorter than it. So the margin is 10 % of
+// the lifetime but at most 5 minutes, as the platform's client does it:
+// shortly before the server's deadline.
+constexpr std::int64_t kMaxIkeMarginSeconds = 300;
+
 void addLifetimes(ViciSection& section, std::int32_t minutes, bool ike) {
     if (minutes <= 0) {
         return;  // charon's defaults
     }
     std::int64_t seconds = std::int64_t{minutes} * 60;
-    std::int64_t rekey = seconds * 9 / 10;
-    section.add("rekey_time", fmt::format("{}s", rekey));
     if (ike) {
-        section.add("over_time", fmt::format("{}s", seconds - rekey));
+        std::int64_t margin = std::min(seconds / 10, kMaxIkeMarginSeconds);
+        section.add("rekey_time", fmt::format("{}s", seconds - margin));
+        section.add("over_time", fmt::format("{}s", margin));
     } else {
+        section.add("rekey_time", fmt::format("{}s", seconds * 9 / 10));
         section.add("life_time", fmt::format("{}s", seconds));
     }
 }
@@ -195,10 +208,27 @@ std::string viciDpdDelay(NEVPNIKEv2DeadPeerDetectionRate rate) {
     return "0s";
 }
 
+namespace {
+
+// charon's revocation policy for the platform's two flags: strict wants a
+// "good" answer; otherwise only a "revoked" answer fails, and a revocation
+// server that cannot be reached does not. charon cannot leave out the check
+// for one connection, so without the check the lenient policy stands too.
+const char* viciRevocation(const NEVPNProtocolIKEv2& protocol) {
+    return protocol.enableRevocationCheck && protocol.strictRevocationCheck ? "strict" : "relaxed";
+}
+
+}  // namespace
+
 bool buildLoadConn(const NEVPNProtocolIKEv2& protocol, ViciSection& message, std::string& error) {
     message = ViciSection{};
-    if (!protocol.serverAddress || protocol.serverAddress->empty()) {
-        error = "no server address";
+    std::string server;
+    if (!literalServerAddress(protocol.serverAddress.value_or(""), server, error)) {
+        return false;
+    }
+    std::string remoteId;
+    if (!literalIdentity(protocol.remoteIdentifier.value_or(""), "remote identifier",
+                         kCharonIdentityLimit, remoteId, error)) {
         return false;
     }
     std::string ike;
@@ -208,27 +238,44 @@ bool buildLoadConn(const NEVPNProtocolIKEv2& protocol, ViciSection& message, std
                      error)) {
         return false;
     }
+    // The user name is also the owner of the EAP secret.
+    std::optional<std::string> user;
+    if (protocol.username) {
+        user.emplace();
+        if (!literalIdentity(*protocol.username, "user name", kCharonOwnerLimit, *user, error)) {
+            return false;
+        }
+    }
+    std::optional<std::string> localId = user;
+    if (protocol.localIdentifier) {
+        localId.emplace();
+        if (!literalIdentity(*protocol.localIdentifier, "local identifier", kCharonIdentityLimit,
+                             *localId, error)) {
+            return false;
+        }
+    }
+
     ViciSection& conn = message.addSection(kVPNProfileName);
     conn.add("version", "2");
-    conn.addList("remote_addrs", {*protocol.serverAddress});
+    conn.addList("remote_addrs", {server});
     conn.addList("vips", {"0.0.0.0"});
     conn.addList("proposals", {ike});
+    // Like the platform's client, ask the server for no certificate (servers
+    // for it send theirs always): a request lists every trust anchor, with
+    // the system's a fragmented message and work on both sides per connect.
+    conn.add("send_certreq", "no");
     conn.add("dpd_delay", viciDpdDelay(protocol.deadPeerDetectionRate));
     addLifetimes(conn, protocol.IKESecurityAssociationParameters.lifetimeMinutes, true);
 
     ViciSection& local = conn.addSection("local");
-    const std::optional<std::string>& localId =
-        protocol.localIdentifier ? protocol.localIdentifier : protocol.username;
     if (protocol.useExtendedAuthentication) {
-        if (!protocol.username || protocol.username->empty()) {
+        if (!user) {
             error = "no user name for EAP";
             return false;
         }
         local.add("auth", "eap-mschapv2");
-        if (localId) {
-            local.add("id", *localId);
-        }
-        local.add("eap_id", *protocol.username);
+        local.add("id", *localId);
+        local.add("eap_id", *user);
     } else {
         switch (protocol.authenticationMethod) {
             case NEVPNIKEAuthenticationMethodCertificate:
@@ -256,12 +303,8 @@ bool buildLoadConn(const NEVPNProtocolIKEv2& protocol, ViciSection& message, std
             remote.add("auth", "pubkey");
             break;
     }
-    if (protocol.remoteIdentifier && !protocol.remoteIdentifier->empty()) {
-        remote.add("id", *protocol.remoteIdentifier);
-    }
-    if (protocol.enableRevocationCheck) {
-        remote.add("revocation", "ifuri");
-    }
+    remote.add("id", remoteId);
+    remote.add("revocation", viciRevocation(protocol));
 
     ViciSection& child = conn.addSection("children").addSection(kChildName);
     child.addList("remote_ts", {"0.0.0.0/0"});
@@ -270,13 +313,19 @@ bool buildLoadConn(const NEVPNProtocolIKEv2& protocol, ViciSection& message, std
     return true;
 }
 
-void buildLoadShared(std::string_view username, std::string_view password, ViciSection& message) {
+bool buildLoadShared(std::string_view username, std::string_view password, ViciSection& message,
+                     std::string& error) {
     message = ViciSection{};
+    std::string owner;
+    if (!literalIdentity(username, "user name", kCharonOwnerLimit, owner, error)) {
+        return false;
+    }
     message.reserve(4);
     message.add("id", kEapSecretId);
     message.add("type", "EAP");
     message.addSecret("data", password);
-    message.addList("owners", {std::string(username)});
+    message.addList("owners", {owner});
+    return true;
 }
 
 ViciSection buildInitiate() {

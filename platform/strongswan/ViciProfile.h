@@ -37,12 +37,16 @@ bool espProposal(const NEVPNIKEv2SecurityAssociationParameters& sa, bool withGro
 // DPD interval for a rate: High 60s, Medium 600s, Low 1800s, None 0s.
 std::string viciDpdDelay(NEVPNIKEv2DeadPeerDetectionRate rate);
 
-// The load-conn message: one section named kVPNProfileName.
+// The load-conn message: one section named kVPNProfileName. The server
+// address and the identities go in a spelling charon takes literally
+// (CharonValues.h); values charon would read more into are errors.
 bool buildLoadConn(const NEVPNProtocolIKEv2& protocol, ViciSection& message, std::string& error);
 
-// The load-shared message for the EAP secret. The password is copied once
-// into the message; wipe the message after sending it.
-void buildLoadShared(std::string_view username, std::string_view password, ViciSection& message);
+// The load-shared message for the EAP secret, owned by the user name. The
+// password is copied once into the message; wipe the message after sending
+// it. False with `error` for a user name charon cannot take literally.
+bool buildLoadShared(std::string_view username, std::string_view password, ViciSection& message,
+                     std::string& error);
 
 ViciSection buildInitiate();
 ViciSection buildTerminate();

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # orvane-ikev2 against a server that refuses it, cannot be trusted, is not
-# the one asked for, offers other algorithms, does not answer, or deletes
-# the tunnel: each ends with status 1 right after "IKEv2 Last disconnect
+# the one asked for, offers other algorithms (for IKE or for the tunnel),
+# does not answer, or deletes the tunnel: each ends with status 1 right after "IKEv2 Last disconnect
 # error: <reason>" naming the cause, within a bounded time, and leaves no
 # secret in the initiator's charon. Topology and servers: lab.sh.
 #
@@ -14,6 +14,7 @@ here=$(cd "$(dirname "$0")" && pwd)
 . "$here/harness.sh"
 
 suite_begin "${1:-}" 150
+lab_add_noesp_responder >>"$LAB_DIR/lab.out" 2>&1 || { echo "FAIL: no noesp server"; exit 1; }
 
 CFG=$LAB_DIR/tool.conf
 WRONG_PASSWORD=Wrong-$LAB_PASSWORD
@@ -75,6 +76,17 @@ case_no_proposal_chosen() {
   never_connected
 }
 
+case_tunnel_proposal_refused() {
+  # The IKE_SA comes up; the server refuses every ESP proposal, and charon
+  # would keep the IKE_SA without a tunnel.
+  tool_write_config "$CFG" "$LAB_LINK_NOESP" "$LAB_USER" "$LAB_PASSWORD" "$LAB_SERVER_NAME"
+  tool_start -c "$CFG"
+  expect_failure 15 'proposal|algorithm|cipher|crypto' || return 1
+  never_connected || return 1
+  wait_until 3 init_no_sa || { fail "the initiator keeps an IKE_SA"; lab_vici_init list-sas; return 1; }
+  echo "ok: no IKE_SA left in the initiator's charon"
+}
+
 case_unreachable_server() {
   tool_write_config "$CFG" "$LAB_LINK_RESP" "$LAB_USER" "$LAB_PASSWORD" "$LAB_SERVER_NAME"
   lab_block_responder || return 1
@@ -100,6 +112,7 @@ t_case case_wrong_password "wrong password: status 1, reason names authenticatio
 t_case case_untrusted_server_certificate "certificate from an untrusted CA: status 1, reason names the certificate"
 t_case case_wrong_remote_identifier "server identity not the one configured: status 1, reason names the identity"
 t_case case_no_proposal_chosen "server accepts none of the proposals: status 1, reason names the proposal"
+t_case case_tunnel_proposal_refused "server accepts no ESP proposal: status 1, reason names the proposal"
 t_case case_unreachable_server "server does not answer: status 1 after the retransmits, reason says so"
 t_case case_responder_deletes_tunnel "server deletes the tunnel: status 1, reason names the delete"
 suite_end

@@ -140,6 +140,27 @@ tool_wait_exit() {
   echo "tool exited with status $TOOL_RC, $TOOL_MS ms after it started"
 }
 
+# tool_signal_in_a_fresh_slice SIG: sends SIG to the tool just after it
+# went to sleep again, which an idle tool does at the start of each 0.5 s
+# slice of its run loop: what the signal sets off then has the whole slice.
+tool_signal_in_a_fresh_slice() {
+  printf '[%s] + kill -%s %s (at the start of a slice)\n' "$(date -u +%H:%M:%S.%3N)" "$1" "$TOOL_PID"
+  python3 - "$TOOL_PID" "$1" <<'PY'
+import os, signal, sys, time
+pid, signo = int(sys.argv[1]), getattr(signal, "SIG" + sys.argv[2])
+def sleeps():
+    with open("/proc/%d/status" % pid) as f:
+        for line in f:
+            if line.startswith("voluntary_ctxt_switches:"):
+                return int(line.split()[1])
+    return -1
+before, end = sleeps(), time.time() + 2
+while sleeps() == before and time.time() < end:
+    time.sleep(0.0002)
+os.kill(pid, signo)
+PY
+}
+
 # tool_run SECONDS ARGS...: start, then wait for the exit.
 tool_run() {
   local secs=$1
@@ -211,6 +232,17 @@ prefs_file() { echo "$(prefs_dir)/preferences.plist"; }
 
 init_no_shared() { [ -z "$(lab_vici_init get-shared)" ]; }
 init_no_sa() { [ "$(lab_vici_init count-sas)" = 0 ]; }
+
+# After the tool ended: no IKE_SA at the responder or the initiator, no
+# secret in the initiator.
+tunnel_cleared() {
+  wait_until 5 lab_resp_no_sa || { fail "the responder still holds an IKE_SA"; lab_vici_resp list-sas; return 1; }
+  echo "ok: no IKE_SA at the responder"
+  wait_until 3 init_no_sa || { fail "the initiator still holds an IKE_SA"; lab_vici_init list-sas; return 1; }
+  echo "ok: no IKE_SA at the initiator"
+  wait_until 3 init_no_shared || { fail "the initiator's charon still holds secret(s): $(lab_vici_init get-shared | tr '\n' ' ')"; return 1; }
+  echo "ok: no shared secret left in the initiator's charon"
+}
 
 # Back to a clean lab between cases: no tool, no SA on either side, no
 # connection or secret left in the initiator's charon, no saved profile.

@@ -145,6 +145,38 @@ case_help() {
   expect_eq "$TOOL_RC" 1 "unknown option status" || return 1
 }
 
+write_corrupt_profile() {
+  mkdir -p "$(prefs_dir)"
+  printf 'not a property list' >"$(prefs_file)"
+}
+
+case_corrupt_profile_is_cleared_by_remove_and_kept_aside() {
+  write_corrupt_profile
+  tool_run 10 --check -c "$CFG"
+  expect_eq "$TOOL_RC" 0 "--check status: the file stands for the profile" || return 1
+  tool_run 10 --remove
+  expect_eq "$TOOL_RC" 0 "--remove status for a corrupt profile" || return 1
+  ! prefs_exist || { fail "the corrupt file is still the profile"; return 1; }
+  expect_eq "$(cat "$(prefs_file).corrupt")" "not a property list" "what was kept aside" || return 1
+  tool_run 10 --check -c "$CFG"
+  expect_eq "$TOOL_RC" 2 "--check status after --remove" || return 1
+}
+
+case_corrupt_profile_is_replaced_by_create() {
+  write_corrupt_profile
+  tool_run 10 --create -c "$CFG"
+  expect_eq "$TOOL_RC" 0 "--create status over a corrupt profile" || return 1
+  plist_strings "$(prefs_file)" | grep -q -x -F "$LAB_LINK_RESP" || { fail "no new profile saved"; return 1; }
+  expect_eq "$(cat "$(prefs_file).corrupt")" "not a property list" "what was kept aside"
+}
+
+case_endless_configuration_file() {
+  tool_run 10 -c /dev/zero
+  expect_eq "$TOOL_RC" 1 "status for an endless configuration file" || return 1
+  tool_has_line "parse_config /dev/zero: File too large" || { fail "no parse_config line"; return 1; }
+  ! prefs_exist || { fail "a profile was saved"; return 1; }
+}
+
 t_case case_check_without_profile "--check without a profile exits 2 and writes nothing"
 t_case case_create_check_remove_check "--create 0, --check 0, --remove 0, --check 2; no password in the file"
 t_case case_create_loads_charon_remove_unloads "--create loads the connection into charon, --remove unloads it"
@@ -153,5 +185,8 @@ t_case case_create_without_config_uses_placeholders "--create without --config s
 t_case case_check_and_create_together_create "--check --create is the create mode"
 t_case case_missing_config_file "a missing configuration file ends with status 1"
 t_case case_connect_without_config "connect mode without --config ends with status 1"
+t_case case_corrupt_profile_is_cleared_by_remove_and_kept_aside "a corrupt profile: --remove clears it, keeping it aside"
+t_case case_corrupt_profile_is_replaced_by_create "a corrupt profile: --create replaces it, keeping it aside"
+t_case case_endless_configuration_file "--config /dev/zero is refused with the parse_config line, status 1"
 t_case case_help "--help, -h and an unknown option end with status 1"
 suite_end

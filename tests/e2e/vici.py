@@ -7,6 +7,7 @@ namespaces, so the default socket is that charon's).
   vici.py list-sas                one line per IKE_SA: name state [vips]
   vici.py child-packets-in CONN   packets received by CONN's CHILD_SAs
   vici.py get-conns               names of the connections loaded over VICI
+  vici.py get-authorities         names of the authorities (CAs) loaded over VICI
 """
 import socket
 import struct
@@ -152,6 +153,10 @@ def main(argv):
     elif cmd == "get-conns":
         resp, _ = s.request("get-conns")
         for name in resp.get("conns", []):
+            print(name)
+    elif cmd == "get-authorities":
+        resp, _ = s.request("get-authorities")
+        for name in resp.get("authorities", []):
             print(name)
     elif cmd == "count-sas":
         print(len(list_sas(s, argv[2] if len(argv) > 2 else None)))

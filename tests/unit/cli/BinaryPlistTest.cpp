@@ -36,6 +36,11 @@ struct BinaryBuilder {
         objects.push_back(static_cast<char>(0x50 | ascii.size()));
         objects += ascii;
     }
+    void uid(std::uint64_t value, int size) {
+        offsets.push_back(8 + objects.size());
+        objects.push_back(static_cast<char>(0x80 | (size - 1)));
+        bigEndian(objects, value, size);
+    }
     std::string build(std::uint64_t top = 0) const {
         std::string out = "bplist00" + objects;
         const std::uint64_t table = out.size();
@@ -105,6 +110,28 @@ TEST(BinaryPlistTest, HandBuiltListPassesTheCheckAndReads) {
     const Value root = propertyListFromData(builder.build(), &error);
     ASSERT_TRUE(root.isArray());
     EXPECT_EQ(root.objectAtIndex(1).stringValue(), "two");
+}
+
+TEST(BinaryPlistTest, UidReadsAsAUidUpTo32Bits) {
+    BinaryBuilder builder;
+    builder.array({1, 2});
+    builder.uid(7, 1);
+    builder.uid(0xFFFFFFFF, 4);
+    std::optional<NSError> error;
+    const Value root = propertyListFromData(builder.build(), &error);
+    ASSERT_TRUE(root.isArray()) << (error ? error->description : "");
+    EXPECT_TRUE(root.objectAtIndex(0).isUID());
+    EXPECT_EQ(root.objectAtIndex(0).uidValue(), 7u);
+    EXPECT_EQ(root.objectAtIndex(1).uidValue(), 0xFFFFFFFFu);
+    BinaryBuilder wide;
+    wide.uid(std::uint64_t{1} << 32, 8);
+    EXPECT_TRUE(readFails(wide.build()));
+}
+
+TEST(BinaryPlistTest, StringThatIsNotUtf8IsRefused) {
+    BinaryBuilder builder;
+    builder.string("caf\xE9");
+    EXPECT_TRUE(readFails(builder.build()));
 }
 
 BinaryBuilder nestedArrays(std::uint32_t depth) {

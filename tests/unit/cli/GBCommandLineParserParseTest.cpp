@@ -76,6 +76,52 @@ TEST_F(GBCommandLineParserParse, NegatedSwitchGivesNoUnderTheTwinNameOnly) {
     EXPECT_TRUE(parser.valueForOption("verbose").isNil());
 }
 
+TEST(GBCommandLineParserNames, SwitchNamedWithANoPrefixIsNotANegation) {
+    GBCommandLineParser parser;
+    parser.registerSwitch("no-cache");
+    Recorder recorder;
+    EXPECT_TRUE(parser.parseOptionsWithArguments(Args{"--no-cache"}, "", recorder.block()));
+    Value value = parser.valueForOption("no-cache");
+    EXPECT_EQ(value.numberType(), Value::NumberType::Bool);
+    EXPECT_TRUE(value.boolValue());
+    EXPECT_TRUE(parser.parseOptionsWithArguments(Args{"--no-cache=yes"}, "", recorder.block()));
+    value = parser.valueForOption("no-cache");
+    EXPECT_EQ(value.numberType(), Value::NumberType::Bool);
+    EXPECT_TRUE(value.boolValue());
+    EXPECT_TRUE(parser.parseOptionsWithArguments(Args{"--no-no-cache"}, "", recorder.block()));
+    EXPECT_FALSE(parser.valueForOption("no-no-cache").boolValue());
+}
+
+TEST(GBCommandLineParserNames, RequirementThreeNamedWithANoPrefixIsNotANegation) {
+    GBCommandLineParser parser;
+    parser.registerOption("no-cache", static_cast<GBOptionRequirement>(3));
+    Recorder recorder;
+    EXPECT_TRUE(parser.parseOptionsWithArguments(Args{"--no-cache"}, "", recorder.block()));
+    EXPECT_EQ(parser.valueForOption("no-cache").numberType(), Value::NumberType::Bool);
+    EXPECT_TRUE(parser.valueForOption("no-cache").boolValue());
+    EXPECT_TRUE(parser.parseOptionsWithArguments(Args{"--no-cache=yes"}, "", recorder.block()));
+    EXPECT_EQ(parser.valueForOption("no-cache").numberType(), Value::NumberType::Bool);
+    EXPECT_TRUE(parser.valueForOption("no-cache").boolValue());
+    EXPECT_TRUE(parser.parseOptionsWithArguments(Args{"--no-cache=no"}, "", recorder.block()));
+    EXPECT_EQ(parser.valueForOption("no-cache").numberType(), Value::NumberType::Bool);
+    EXPECT_FALSE(parser.valueForOption("no-cache").boolValue());
+}
+
+// The value --no-cache parses to after registering two switches in turn.
+Value noCacheAfterRegistering(const std::string& first, const std::string& second) {
+    GBCommandLineParser parser;
+    parser.registerSwitch(first);
+    parser.registerSwitch(second);
+    Recorder recorder;
+    EXPECT_TRUE(parser.parseOptionsWithArguments(Args{"--no-cache"}, "", recorder.block()));
+    return parser.valueForOption("no-cache");
+}
+
+TEST(GBCommandLineParserNames, LaterOfASwitchAndATwinOfOneNameDecidesTheNegation) {
+    EXPECT_TRUE(noCacheAfterRegistering("cache", "no-cache").boolValue());
+    EXPECT_FALSE(noCacheAfterRegistering("no-cache", "cache").boolValue());
+}
+
 TEST_F(GBCommandLineParserParse, SwitchByShortcutReportsTheLongNameWithYes) {
     EXPECT_TRUE(parse({"-v"}));
     ASSERT_EQ(recorder.events.size(), 1u);
@@ -190,6 +236,22 @@ TEST_F(GBCommandLineParserParse, LoneDashesAreUnknownOptions) {
     EXPECT_EQ(recorder.events[0].flags, GBParseFlagUnknownOption);
     EXPECT_EQ(recorder.events[0].option, "--");
     EXPECT_TRUE(recorder.events[0].value.isNil());
+}
+
+TEST(GBCommandLineParserNames, NamelessRegistrationsLeaveLoneDashesUnknown) {
+    GBCommandLineParser parser;
+    parser.registerSwitch("", 'x');
+    parser.registerOption("", GBValueRequired);
+    parser.registerOption("", GBValueOptional);
+    EXPECT_TRUE(parser.registeredOptionsByLongNames().empty());
+    EXPECT_TRUE(parser.registeredOptionsByShortNames().empty());
+    Recorder recorder;
+    EXPECT_FALSE(parser.parseOptionsWithArguments(Args{"--", "-", "--no-", "--=1", "-x"}, "",
+                                                  recorder.block()));
+    ASSERT_EQ(recorder.events.size(), 5u);
+    for (const auto& event : recorder.events) {
+        EXPECT_EQ(event.flags, GBParseFlagUnknownOption) << *event.option;
+    }
 }
 
 TEST_F(GBCommandLineParserParse, UnknownOptionDoesNotTakeTheNextWord) {

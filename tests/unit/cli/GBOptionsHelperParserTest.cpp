@@ -3,7 +3,9 @@
 
 #include <gtest/gtest.h>
 
+#include <optional>
 #include <string>
+#include <vector>
 
 namespace cli {
 namespace {
@@ -122,6 +124,22 @@ TEST(GBOptionsHelperParserTest, NonAsciiShortNameGivesNoShortcut) {
     parser.registerOptions(options);
     EXPECT_TRUE(isRegistered(parser, "accent"));
     EXPECT_TRUE(parser.registeredOptionsByShortNames().empty());
+}
+
+TEST(GBOptionsHelperParserTest, RecordWithoutALongNameIsNotHandedOver) {
+    GBOptionsHelper options;
+    options.registerOption('x', std::nullopt, "Nameless switch", 2);
+    options.registerOption(0, std::nullopt, "Nameless value", 0);
+    options.registerOption(0, "", "Empty name", 1);
+    options.registerOption(0, "named", "", 2);
+    GBCommandLineParser parser;
+    parser.registerOptions(options);
+    EXPECT_EQ(parser.registeredOptionsByLongNames().size(), 2u);  // named, no-named
+    EXPECT_TRUE(parser.registeredOptionsByShortNames().empty());
+    EXPECT_FALSE(parser.parseOptionsWithArguments(std::vector<std::string>{"--", "-", "--no-"}, "",
+                                                  [](GBParseFlags flags, auto&, auto&, bool*) {
+                                                      EXPECT_EQ(flags, GBParseFlagUnknownOption);
+                                                  }));
 }
 
 TEST(GBOptionsHelperParserTest, RecordsRegisteredAfterTheHandOverAreUnknownToTheParser) {

@@ -80,9 +80,10 @@ TEST(GBPrint, RejectedRuntimeFormatIsWrittenAsItStands) {
     EXPECT_EQ(writtenTo([](std::FILE* s) { gbfprint(s, fmt::runtime("bad {"), 1); }), "bad {");
 }
 
-TEST(GBPrint, EmbeddedNulIsWrittenWithTheRest) {
+TEST(GBPrint, TextStopsAtAnEmbeddedNul) {
     const std::string withNul("a\0b", 3);
-    EXPECT_EQ(writtenTo([&](std::FILE* s) { gbfprint(s, "{}", withNul); }), withNul);
+    EXPECT_EQ(writtenTo([&](std::FILE* s) { gbfprint(s, "<{}>", withNul); }), "<a");
+    EXPECT_EQ(writtenTo([&](std::FILE* s) { gbfprintln(s, "{}", Value(withNul)); }), "a");
 }
 
 }  // namespace

@@ -14,26 +14,18 @@ std::string helpOf(GBOptionsHelper& options) {
     return captureStdout([&] { options.printHelp(); });
 }
 
-void registerToolOptions(GBOptionsHelper& options) {
-    options.registerOption('c', "config", "Read configurations from file", 0);
-    options.registerOption(0, "check", "Check configurations and exit", 2);
-    options.registerOption(0, "create", "Create configurations and exit", 2);
-    options.registerOption(0, "remove", "Remove configurations and exit", 2);
-    options.registerOption(0, "verbose", "Print verbose logs", 2);
-    options.registerOption('h', "help", "Print help and exit", 2);
-}
-
-TEST(HelpOutputTest, ToolHelpIsAlignedOnTheLongestNameColumn) {
+TEST(HelpOutputTest, OptionsAreAlignedOnTheLongestNameColumn) {
     GBOptionsHelper options;
-    registerToolOptions(options);
+    options.registerOption('i', "input", "Read from a file", 0);
+    options.registerOption(0, "dry", "Change nothing", 2);
+    options.registerOption(0, "level", "Log level", 1);
+    options.registerOption('q', "quiet", "Print nothing", 2);
     EXPECT_EQ(helpOf(options),
               "\n"
-              "-c --config <value> Read configurations from file \n"
-              "   --check          Check configurations and exit \n"
-              "   --create         Create configurations and exit \n"
-              "   --remove         Remove configurations and exit \n"
-              "   --verbose        Print verbose logs \n"
-              "-h --help           Print help and exit \n"
+              "-i --input <value>   Read from a file \n"
+              "   --dry             Change nothing \n"
+              "   --level [<value>] Log level \n"
+              "-q --quiet           Print nothing \n"
               "\n");
 }
 
@@ -123,6 +115,13 @@ TEST(HelpOutputTest, MissingOrNonAsciiShortNameShowsTwoBlanks) {
     options.registerOption(-1, "minus", "m", 2);
     options.registerOption('q', "quiet", "q", 2);
     EXPECT_EQ(helpOf(options), "\n   --zero  z \n   --high  h \n   --minus m \n-q --quiet q \n\n");
+}
+
+TEST(HelpOutputTest, RecordWithoutALongNameShowsNullInItsNameColumn) {
+    GBOptionsHelper options;
+    options.registerOption('x', std::nullopt, "Nameless", 2);
+    options.registerOption(0, "a", "A", 0);
+    EXPECT_EQ(helpOf(options), "\n-x --(null)    Nameless \n   --a <value> A \n\n");
 }
 
 TEST(HelpOutputTest, RequirementThreeHasNoValueMark) {

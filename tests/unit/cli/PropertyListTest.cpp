@@ -88,6 +88,17 @@ TEST(PropertyListWriteTest, ScalarsUseTheirFoundationForms) {
                                "</plist>\n");
 }
 
+TEST(PropertyListWriteTest, UidIsWrittenAsItsCfUidDictionary) {
+    EXPECT_EQ(xmlOf(Value::array({Value::uid(42)})), std::string(kXmlHead) +
+                                                         "<array>\n"
+                                                         "\t<dict>\n"
+                                                         "\t\t<key>CF$UID</key>\n"
+                                                         "\t\t<integer>42</integer>\n"
+                                                         "\t</dict>\n"
+                                                         "</array>\n"
+                                                         "</plist>\n");
+}
+
 TEST(PropertyListWriteTest, StringRootIsNotIndented) {
     EXPECT_EQ(xmlOf("foo"), std::string(kXmlHead) + "<string>foo</string>\n</plist>\n");
 }

@@ -5,8 +5,10 @@
 #include <unistd.h>
 
 #include <gtest/gtest.h>
+#include <plist/plist.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -63,6 +65,18 @@ class SettingsPlistTest : public ::testing::Test {
     static void expectUnchanged(const GBSettings& level) {
         EXPECT_EQ(level.storage().entries().size(), 1u);
         EXPECT_EQ(level.objectForLocalKey("previous").stringValue(), "old");
+    }
+
+    // A file holding `bytes` fails to load with the parser's error and
+    // leaves the level as it was.
+    void expectLoadRefused(const std::string& bytes) const {
+        const std::string file = write("bad.plist", bytes);
+        GBSettingsRef level = levelHoldingOld();
+        std::optional<NSError> error;
+        EXPECT_FALSE(level->loadSettingsFromPlist(file, &error)) << bytes.substr(0, 80);
+        EXPECT_EQ(error ? error->domain : "", "NSCocoaErrorDomain") << bytes.substr(0, 80);
+        EXPECT_EQ(error ? error->code : 0, 3840) << bytes.substr(0, 80);
+        expectUnchanged(*level);
     }
 
     std::string directory_;
@@ -272,13 +286,7 @@ TEST_F(SettingsPlistTest, DictionaryValueComesBackAsSeparateKeys) {
 
 TEST_F(SettingsPlistTest, RootThatIsNotADictionaryIsRefusedWithAnError) {
     for (const char* text : {"(a, b)", "<plist><string>s</string></plist>", "\"text\""}) {
-        const std::string file = write("root.plist", text);
-        GBSettingsRef level = levelHoldingOld();
-        std::optional<NSError> error;
-        EXPECT_FALSE(level->loadSettingsFromPlist(file, &error)) << text;
-        ASSERT_TRUE(error.has_value());
-        EXPECT_EQ(error->code, 3840);
-        expectUnchanged(*level);
+        expectLoadRefused(text);
     }
 }
 
@@ -299,16 +307,95 @@ TEST_F(SettingsPlistTest, CorruptFilesFailWithAnErrorAndChangeNothing) {
                          }()) +
             "</plist>",
     };
-    for (const std::string& bytes : cases) {
-        const std::string file = write("bad.plist", bytes);
-        GBSettingsRef level = levelHoldingOld();
-        std::optional<NSError> error;
-        EXPECT_FALSE(level->loadSettingsFromPlist(file, &error)) << bytes.substr(0, 40);
-        ASSERT_TRUE(error.has_value());
-        EXPECT_EQ(error->domain, "NSCocoaErrorDomain");
-        EXPECT_EQ(error->code, 3840);
-        expectUnchanged(*level);
+    for (const std::string& bytes : cases) expectLoadRefused(bytes);
+}
+
+TEST_F(SettingsPlistTest, MalformedXmlValuesFailTheLoadAndChangeNothing) {
+    const std::string values[] = {
+        "<integer>12x</integer>",
+        "<integer></integer>",
+        "<real>1.5x</real>",
+        "<real>1.5 </real>",
+        "<date>garbage</date>",
+        "<date>2024-02-01T20:43:14.5Z</date>",
+        "<integer>-99999999999999999999</integer>",
+        "<integer>18446744073709551616</integer>",
+        "<data>AAEC\xC3\xA9</data>",
+    };
+    for (const std::string& value : values) {
+        expectLoadRefused("<plist><dict><key>k</key>" + value + "</dict></plist>");
     }
+}
+
+TEST_F(SettingsPlistTest, MalformedXmlStructureFailsTheLoadAndChangesNothing) {
+    const std::string documents[] = {
+        "<plist><dict><key>a</key></dict></plist>",
+        "<plist><dict><key>a</key><true/></dict><dict/></plist>",
+        "<plist><dict><key>a</key><true/></dict>text</plist>",
+        "<plist><dict><key>a</key><unknown/></dict></plist>",
+    };
+    for (const std::string& document : documents) expectLoadRefused(document);
+}
+
+TEST_F(SettingsPlistTest, DeclaredLatin1EncodingIsDecoded) {
+    const std::string file = write("latin1.plist",
+                                   "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?>\n"
+                                   "<plist><dict><key>caf\xE9</key><string>caf\xE9</string>"
+                                   "</dict></plist>");
+    GBSettingsRef level = GBSettings::settingsWithName("L", nullptr);
+    std::optional<NSError> error;
+    ASSERT_TRUE(level->loadSettingsFromPlist(file, &error)) << error->description;
+    EXPECT_EQ(level->objectForKey("caf\xC3\xA9").stringValue(), "caf\xC3\xA9");
+}
+
+TEST_F(SettingsPlistTest, UnknownOrWrongDeclaredEncodingFailsTheLoad) {
+    for (const char* document :
+         {"<?xml version=\"1.0\" encoding=\"no-such-encoding\"?><plist><dict/></plist>",
+          "<?xml version=\"1.0\" encoding=\"US-ASCII\"?><plist><dict><key>\xE9</key>"
+          "<true/></dict></plist>"}) {
+        expectLoadRefused(document);
+    }
+}
+
+TEST_F(SettingsPlistTest, UidIsAValueNotAGroup) {
+    const std::string file = write("uid.plist",
+                                   "<plist><dict><key>ref</key><dict><key>CF$UID</key>"
+                                   "<integer>7</integer></dict></dict></plist>");
+    GBSettingsRef level = GBSettings::settingsWithName("L", nullptr);
+    ASSERT_TRUE(level->loadSettingsFromPlist(file, nullptr));
+    EXPECT_FALSE(level->isKeyPresentAtThisLevel("CF$UID"));
+    ASSERT_TRUE(level->objectForKey("ref").isUID());
+    EXPECT_EQ(level->objectForKey("ref").uidValue(), 7u);
+}
+
+TEST_F(SettingsPlistTest, BinaryUidIsAValueNotAGroupAndSavesAsItsXmlForm) {
+    plist_t root = plist_new_dict();
+    plist_dict_set_item(root, "ref", plist_new_uid(9));
+    char* bytes = nullptr;
+    std::uint32_t length = 0;
+    plist_to_bin(root, &bytes, &length);
+    const std::string file = write("uid.plist", std::string(bytes, length));
+    std::free(bytes);
+    plist_free(root);
+
+    GBSettingsRef level = GBSettings::settingsWithName("L", nullptr);
+    ASSERT_TRUE(level->loadSettingsFromPlist(file, nullptr));
+    EXPECT_FALSE(level->isKeyPresentAtThisLevel("CF$UID"));
+    ASSERT_TRUE(level->objectForKey("ref").isUID());
+    EXPECT_EQ(level->objectForKey("ref").uidValue(), 9u);
+    ASSERT_TRUE(level->saveSettingsToPlist(path("saved.plist"), nullptr));
+    EXPECT_EQ(contents(path("saved.plist")), std::string(kXmlHead) +
+                                                 "<dict>\n"
+                                                 "\t<key>ref</key>\n"
+                                                 "\t<dict>\n"
+                                                 "\t\t<key>CF$UID</key>\n"
+                                                 "\t\t<integer>9</integer>\n"
+                                                 "\t</dict>\n"
+                                                 "</dict>\n"
+                                                 "</plist>\n");
+    GBSettingsRef again = GBSettings::settingsWithName("Again", nullptr);
+    ASSERT_TRUE(again->loadSettingsFromPlist(path("saved.plist"), nullptr));
+    EXPECT_TRUE(again->storage().isEqual(level->storage()));
 }
 
 TEST_F(SettingsPlistTest, DirectoryInPlaceOfTheFileIsAReadError) {

@@ -334,5 +334,19 @@ TEST(ValueDescription, DataAndDate) {
     EXPECT_EQ(Value::date(978307200.0).description(), "2001-01-01 00:00:00 +0000");
 }
 
+TEST(ValueUid, ComparesByValueAndAnswersZeroToEveryConversion) {
+    const Value uid = Value::uid(7);
+    EXPECT_TRUE(uid.isUID());
+    EXPECT_FALSE(uid.isDictionary());
+    EXPECT_EQ(uid.uidValue(), 7u);
+    EXPECT_TRUE(uid.isEqual(Value::uid(7)));
+    EXPECT_FALSE(uid.isEqual(Value::uid(8)));
+    EXPECT_FALSE(uid.isEqual(Value::numberWithInt(7)));
+    EXPECT_FALSE(uid.boolValue());
+    EXPECT_EQ(uid.integerValue(), 0);
+    EXPECT_EQ(uid.description(), "<CFKeyedArchiverUID>{value = 7}");
+    EXPECT_EQ(Value::array({uid}).description(), "(\n    \"<CFKeyedArchiverUID>{value = 7}\"\n)");
+}
+
 }  // namespace
 }  // namespace cli

@@ -191,3 +191,33 @@ TEST_F(ParseConfigTest, InitWithServerStoresTheValuesAsGiven) {
     EXPECT_EQ(connector->remoteID(), kDefaultRemoteID);
     EXPECT_EQ(connector->lastDisconnectError(), std::optional<std::string>(""));
 }
+
+TEST_F(ParseConfigTest, FileOfExactlyOneMebibyteIsRead) {
+    const std::string first = "ip=10.0.0.1\n";
+    std::string bytes = first + std::string(kMaxConfigFileSize - first.size() - 12, '#');
+    bytes += "\nuser=alice\n";
+    ASSERT_EQ(bytes.size(), kMaxConfigFileSize);
+    const Config config = parse(bytes);
+    EXPECT_EQ(config.at("ip"), "10.0.0.1");
+    EXPECT_EQ(config.at("user"), "alice");
+}
+
+TEST_F(ParseConfigTest, FileLargerThanOneMebibyteIsRefusedWithTheParseConfigLine) {
+    write("ip=10.0.0.1\n" + std::string(kMaxConfigFileSize, '#'));
+    testing_support::StderrCapture capture;
+    EXPECT_EQ(ParseConfig(path_), std::nullopt);
+    capture.restore();
+    EXPECT_EQ(capture.messages(),
+              std::vector<std::string>{"parse_config " + path_ + ": File too large"});
+}
+
+TEST_F(ParseConfigTest, EndlessFileIsReadOnlyUpToTheBound) {
+    testing_support::StderrCapture capture;
+    EXPECT_EQ(ParseConfig("/dev/zero"), std::nullopt);
+    const auto connector = OVConnectorIKEv2::initWithConfigFile("/dev/zero");
+    capture.restore();
+    EXPECT_EQ(capture.messages(), std::vector<std::string>(
+                                      2, "parse_config /dev/zero: File too large"));
+    EXPECT_EQ(connector->server(), std::nullopt);
+    EXPECT_EQ(connector->password(), std::nullopt);
+}

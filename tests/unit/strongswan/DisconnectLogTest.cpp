@@ -145,9 +145,52 @@ TEST(DisconnectLogTest, OnlyTrustFailuresSinceTheStartTurnAMissingKeyIntoATrustP
     ss::DisconnectLog log("Orvane IKEv2");
     auto t0 = ss::DisconnectLog::Clock::now();
     log.add(logLine("no issuer certificate found for \"CN=vpn\""), t0 - 10s);
+    log.add(logLine("received end entity cert \"CN=vpn\""), t0 + 1s);
     log.add(logLine("no trusted RSA public key found for 'vpn'"), t0 + 1s);
     EXPECT_EQ(log.lastReason(t0), "server identity mismatch");
     EXPECT_EQ(log.lastReason(std::nullopt), "server certificate not trusted");
+}
+
+TEST(DisconnectLogTest, RevokedServerCertificateIsNamedAsRevoked) {
+    // The later "no trusted public key" line must not hide why the chain
+    // failed.
+    ss::DisconnectLog log("Orvane IKEv2");
+    for (const char* line : {
+             "received end entity cert \"C=ZZ, O=Orvane Lab, CN=revoked.orvane.test\"",
+             "  fetching crl from 'http://192.0.2.2:8080/lab.crl' ...",
+             "  using trusted certificate \"C=ZZ, O=Orvane Lab, CN=Orvane Lab CA\"",
+             "  crl correctly signed by \"C=ZZ, O=Orvane Lab, CN=Orvane Lab CA\"",
+             "certificate was revoked on Nov 23 02:30:00 UTC 2026, reason: key compromise",
+             "no trusted RSA public key found for 'revoked.orvane.test'",
+         }) {
+        log.add(logLine(line));
+    }
+    EXPECT_EQ(log.lastReason(std::nullopt), "server certificate revoked");
+    EXPECT_EQ(ss::disconnectReasonForLine(
+                  "certificate was revoked on Nov 23 02:30:00 UTC 2026, reason: superseded"),
+              "server certificate revoked");
+    // A revocation server that could not be asked only fails a strict check.
+    EXPECT_EQ(ss::disconnectReasonForLine("constraint check failed: RULE_CRL_VALIDATION is "
+                                          "FAILED, but requires at least GOOD"),
+              "server certificate revocation check failed");
+}
+
+TEST(DisconnectLogTest, ServerThatSentNoCertificateIsNamedSo) {
+    // A server that waits to be asked for its certificate sends none to a
+    // client that asks for none.
+    ss::DisconnectLog log("Orvane IKEv2");
+    log.add(logLine("parsed IKE_AUTH response 1 [ IDr AUTH EAP/REQ/ID ]", "Orvane IKEv2", "ENC"));
+    log.add(logLine("no trusted RSA public key found for 'vpn.orvane.test'"));
+    EXPECT_EQ(log.lastReason(std::nullopt), "server sent no certificate");
+    // With a certificate received, the same line is about the identity.
+    log.clear();
+    log.add(logLine("received end entity cert \"C=ZZ, O=Orvane Lab, CN=vpn.orvane.test\""));
+    log.add(logLine("no trusted RSA public key found for 'wrong.orvane.test'"));
+    EXPECT_EQ(log.lastReason(std::nullopt), "server identity mismatch");
+    // An identity constraint is no missing certificate.
+    log.clear();
+    log.add(logLine("constraint check failed: identity 'other' required"));
+    EXPECT_EQ(log.lastReason(std::nullopt), "server identity mismatch");
 }
 
 TEST(DisconnectLogTest, BoundsWhatItKeeps) {
@@ -167,6 +210,38 @@ TEST(DisconnectLogTest, RecognisesEndsWithoutADownEvent) {
     EXPECT_TRUE(ss::lineEndsSetupSilently("unable to resolve vpn.invalid, initiate aborted"));
     EXPECT_FALSE(ss::lineEndsSetupSilently("retransmit 1 of request with message ID 0"));
     EXPECT_FALSE(ss::lineEndsSetupSilently("IKE_SA deleted"));
+}
+
+// The VPN service itself, and a tunnel refused under an established IKE_SA
+// (charon 5.9.8's lines, from the lab, and the backend's own notes).
+const LineCase kServiceAndTunnelLines[] = {
+    {"SIGTERM received, shutting down", "VPN service stopped"},
+    {"SIGINT received, shutting down", "VPN service stopped"},
+    {ss::kNoteCharonClosed, "VPN service stopped"},
+    {ss::kNoteCharonNotRunning, "VPN service not running"},
+    {ss::kNoteCharonNotReachable, "VPN service not reachable"},
+    {ss::kNoteCharonSilent, "VPN service not answering"},
+    {ss::kNoteCharonRefused, "VPN service refused the profile"},
+    {"received NO_PROPOSAL_CHOSEN notify, no CHILD_SA built", "no proposal chosen"},
+    {"received TS_UNACCEPTABLE notify, no CHILD_SA built", "traffic selectors unacceptable"},
+    {"received SINGLE_PAIR_REQUIRED notify, no CHILD_SA built",
+     "peer reported SINGLE_PAIR_REQUIRED"},
+    {ss::kNoteNoTunnel, "tunnel not established"},
+    {"failed to establish CHILD_SA, keeping IKE_SA", ""},
+    {"a line that merely mentions charon is not running", ""},
+};
+
+TEST(DisconnectLogTest, VpnServiceAndRefusedTunnelLinesGiveTheirReason) {
+    for (const auto& c : kServiceAndTunnelLines) {
+        auto reason = ss::disconnectReasonForLine(c.line);
+        EXPECT_EQ(reason.value_or(""), c.reason) << c.line;
+    }
+}
+
+TEST(DisconnectLogTest, RecognisesAnIkeSaKeptWithoutTheTunnel) {
+    EXPECT_TRUE(ss::lineKeepsIkeSaWithoutTunnel("failed to establish CHILD_SA, keeping IKE_SA"));
+    EXPECT_FALSE(ss::lineKeepsIkeSaWithoutTunnel(
+        "received NO_PROPOSAL_CHOSEN notify, no CHILD_SA built"));
 }
 
 }  // namespace

@@ -14,8 +14,8 @@ std::mutex& mutex() {
     return m;
 }
 
-std::vector<std::string>& store() {
-    static std::vector<std::string> s;
+std::vector<logcapture::Entry>& store() {
+    static std::vector<logcapture::Entry> s;
     return s;
 }
 
@@ -25,10 +25,10 @@ namespace DDLog {
 
 void addTTYLogger() {}
 
-void log(bool, std::int32_t, DDLogFlag, int, const char*, const char*, int, const char*,
+void log(bool, std::int32_t, DDLogFlag flag, int, const char*, const char*, int, const char*,
          std::string_view message) {
     std::lock_guard lock(mutex());
-    store().emplace_back(message);
+    store().push_back({flag, std::string(message)});
 }
 
 void flushLog() {}
@@ -38,6 +38,15 @@ void flushLog() {}
 namespace logcapture {
 
 std::vector<std::string> lines() {
+    std::lock_guard lock(mutex());
+    std::vector<std::string> out;
+    for (const auto& entry : store()) {
+        out.push_back(entry.message);
+    }
+    return out;
+}
+
+std::vector<Entry> entries() {
     std::lock_guard lock(mutex());
     return store();
 }
@@ -49,8 +58,8 @@ void clear() {
 
 bool contains(const std::string& text) {
     std::lock_guard lock(mutex());
-    for (const auto& line : store()) {
-        if (line.find(text) != std::string::npos) {
+    for (const auto& entry : store()) {
+        if (entry.message.find(text) != std::string::npos) {
             return true;
         }
     }

@@ -78,6 +78,35 @@ TEST_F(ProfileStoreTest, SavesAndLoadsEveryField) {
     EXPECT_EQ(*loaded, profile);
 }
 
+TEST_F(ProfileStoreTest, StrictRevocationCheckIsSavedAndDefaultsToNo) {
+    ss::ProfileStore store(file);
+    NSError error;
+    ss::StoredProfile profile = sampleProfile();
+    for (bool strict : {true, false}) {
+        profile.protocol.strictRevocationCheck = strict;
+        ASSERT_TRUE(store.save(profile, error)) << error.description;
+        std::optional<ss::StoredProfile> loaded;
+        ASSERT_TRUE(store.load(loaded, error)) << error.description;
+        ASSERT_TRUE(loaded.has_value());
+        EXPECT_EQ(loaded->protocol.strictRevocationCheck, strict);
+    }
+
+    // A file written before the key existed reads as NO; a wrong type is
+    // still a corrupt file.
+    std::string text = ss::ProfileStore::serialize(sampleProfile());
+    const std::string key = "<key>StrictRevocationCheck</key>\n\t\t<false/>\n\t\t";
+    auto at = text.find(key);
+    ASSERT_NE(at, std::string::npos) << text;
+    writeFile(file, std::string(text).erase(at, key.size()));
+    std::optional<ss::StoredProfile> loaded;
+    ASSERT_TRUE(store.load(loaded, error)) << error.description;
+    EXPECT_FALSE(loaded->protocol.strictRevocationCheck);
+    EXPECT_EQ(*loaded, sampleProfile());
+    writeFile(file, std::string(text).replace(at, key.size(),
+                                              "<key>StrictRevocationCheck</key><string>no</string>"));
+    EXPECT_FALSE(store.load(loaded, error));
+}
+
 TEST_F(ProfileStoreTest, FileIsPrivateAndFolderCreatedPrivate) {
     ss::ProfileStore store(file);
     NSError error;
@@ -169,7 +198,9 @@ TEST_F(ProfileStoreTest, CorruptFilesAreLoadErrors) {
         writeFile(file, c.text);
         std::optional<ss::StoredProfile> loaded;
         NSError error;
-        EXPECT_FALSE(store.load(loaded, error)) << c.what;
+        bool corrupt = false;
+        EXPECT_FALSE(store.load(loaded, error, &corrupt)) << c.what;
+        EXPECT_TRUE(corrupt) << c.what;
         EXPECT_FALSE(loaded.has_value()) << c.what;
         EXPECT_NE(error.code, 0) << c.what;
         EXPECT_NE(error.description.find("preferences"), std::string::npos) << c.what;
@@ -181,8 +212,23 @@ TEST_F(ProfileStoreTest, UnreadableFileIsALoadError) {
     ss::ProfileStore store(file);
     std::optional<ss::StoredProfile> loaded;
     NSError error;
-    EXPECT_FALSE(store.load(loaded, error));
+    bool corrupt = true;
+    EXPECT_FALSE(store.load(loaded, error, &corrupt));
+    EXPECT_FALSE(corrupt) << "unreadable is not corrupt";
     EXPECT_EQ(error.code, ss::NEVPNErrorConfigurationReadWriteFailed);
+}
+
+TEST_F(ProfileStoreTest, CorruptFileIsKeptAsideReplacingAnEarlierOne) {
+    fs::create_directories(file.parent_path());
+    ss::ProfileStore store(file);
+    const fs::path aside = file.string() + ".corrupt";
+    writeFile(aside, "older");
+    writeFile(file, "not a property list");
+    NSError error;
+    ASSERT_TRUE(store.setAside(error)) << error.description;
+    EXPECT_FALSE(fs::exists(file));
+    EXPECT_EQ(readFile(aside), "not a property list");
+    EXPECT_TRUE(store.setAside(error)) << "nothing to keep aside is no error";
 }
 
 TEST_F(ProfileStoreTest, RemoveDeletesAndToleratesAMissingFile) {

@@ -62,6 +62,16 @@ ViciSection childState(ViciSection event, const std::string& state) {
     return event;
 }
 
+// The event as charon sends it while a task of the IKE_SA is active.
+ViciSection withTask(ViciSection event, const std::string& task) {
+    for (auto& entry : event.entries()) {
+        if (entry.name == kConn) {
+            entry.section.addList("tasks-active", {task});
+        }
+    }
+    return event;
+}
+
 struct Scenario {
     const char* what;
     std::vector<Step> steps;
@@ -153,6 +163,37 @@ TEST(StatusTrackerTest, EventSequencesGiveTheStatuses) {
          {{"start", {}, NEVPNStatusConnecting, true},
           {"child-updown", childUp, NEVPNStatusConnected, true},
           {"child-updown", childState(childDown, "REKEYED"), NEVPNStatusConnected, false}}},
+        {"re-authentication: the old IKE_SA goes down, a new one carries the tunnel",
+         {{"start", {}, NEVPNStatusConnecting, true},
+          {"child-updown", withId(childUp, "1"), NEVPNStatusConnected, true},
+          {"ike-updown", withTask(withId(ikeDown, "1"), "IKE_REAUTH"), NEVPNStatusConnected, false},
+          {"child-updown", withTask(withId(childDown, "1"), "IKE_REAUTH"), NEVPNStatusConnected,
+           false},
+          {"ike-updown", withId(ikeUp, "2"), NEVPNStatusConnected, false},
+          {"child-updown", withId(childUp, "2"), NEVPNStatusConnected, false},
+          {"ike-updown", withId(ikeDown, "2"), NEVPNStatusDisconnected, true}}},
+        {"re-authentication the server refuses ends the tunnel",
+         {{"start", {}, NEVPNStatusConnecting, true},
+          {"child-updown", withId(childUp, "1"), NEVPNStatusConnected, true},
+          {"ike-updown", withTask(withId(ikeDown, "1"), "IKE_REAUTH"), NEVPNStatusConnected, false},
+          {"ike-updown", withId(updown(kConn, false, "CONNECTING"), "2"),
+           NEVPNStatusDisconnected, true}}},
+        {"a delete while stopping is the end, whatever the tasks",
+         {{"start", {}, NEVPNStatusConnecting, true},
+          {"child-updown", childUp, NEVPNStatusConnected, true},
+          {"stop", {}, NEVPNStatusDisconnecting, true},
+          {"ike-updown", withTask(ikeDown, "IKE_REAUTH"), NEVPNStatusDisconnected, true}}},
+        {"an IKE_SA an earlier run left going down while connecting changes nothing",
+         {{"start", {}, NEVPNStatusConnecting, true},
+          {"ike-updown", withId(ikeDown, "7"), NEVPNStatusConnecting, false},
+          {"child-updown", withId(childDown, "7"), NEVPNStatusConnecting, false},
+          {"ike-updown", withId(ikeUp, "8"), NEVPNStatusConnecting, false},
+          {"child-updown", withId(childUp, "8"), NEVPNStatusConnected, true},
+          {"ike-updown", withId(ikeDown, "7"), NEVPNStatusConnected, false}}},
+        {"a failed setup while connecting is still the end",
+         {{"start", {}, NEVPNStatusConnecting, true},
+          {"ike-updown", withId(updown(kConn, false, "CONNECTING"), "8"),
+           NEVPNStatusDisconnected, true}}},
         {"a second start after the end",
          {{"start", {}, NEVPNStatusConnecting, true},
           {"failed", {}, NEVPNStatusDisconnected, true},

@@ -5,6 +5,8 @@
 #include "tests/unit/double/VirtualTimeScope.h"
 #include "tests/unit/strongswan/FakeCharon.h"
 #include "tests/unit/strongswan/LogCapture.h"
+#include "tests/unit/strongswan/PrivateLogind.h"
+#include "tests/unit/strongswan/RunIo.h"
 #include "tests/unit/strongswan/ToolProfile.h"
 
 #include <gtest/gtest.h>
@@ -38,8 +40,6 @@ using testprofile::toolProfile;
 const std::string kConn = "Orvane IKEv2";
 const std::string kPassword = "Pa55 w0rd!x";
 
-
-
 ViciSection success(bool ok = true, const std::string& errmsg = {}) {
     ViciSection s;
     s.add("success", ok ? "yes" : "no");
@@ -65,7 +65,7 @@ struct CharonState {
 // happen when the test (or the fake charon, sitting on a request) moves the
 // clock.
 class StrongSwanManagerTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         logcapture::clear();
         char pattern[] = "/tmp/ssmanager.XXXXXX";
@@ -129,6 +129,7 @@ protected:
         ss::StrongSwanOptions options;
         options.socketPath = server.path();
         options.preferencesPath = prefs;
+        options.lockPath = root / "orvane-ikev2.lock";
         options.pollInterval = 50ms;
         options.silentEndCheck = 20ms;
         options.statusChanged = [this] {
@@ -146,15 +147,11 @@ protected:
     // thread; the default limit only keeps a broken backend from hanging the
     // test.
     bool runUntil(const std::function<bool()>& done, std::chrono::milliseconds limit = 60s) {
-        auto deadline = std::chrono::steady_clock::now() + limit;
-        while (!done() && std::chrono::steady_clock::now() < deadline) {
-            io.restart();
-            io.run_for(5ms);
-        }
-        return done();
+        return testio::runUntil(io, done, limit);
     }
 
-    platform::OptionalError call(void (ss::StrongSwanManager::*method)(platform::CompletionHandler)) {
+    platform::OptionalError call(
+        void (ss::StrongSwanManager::*method)(platform::CompletionHandler)) {
         bool done = false;
         platform::OptionalError result;
         (manager.get()->*method)([&](const platform::OptionalError& error) {
@@ -227,6 +224,17 @@ std::size_t indexOf(const std::vector<fakecharon::Received>& got, ViciPacketType
     return got.size();
 }
 
+std::size_t lastIndexOf(const std::vector<fakecharon::Received>& got, ViciPacketType type,
+                        const std::string& name) {
+    std::size_t found = got.size();
+    for (std::size_t i = 0; i < got.size(); ++i) {
+        if (got[i].packet.type == type && got[i].packet.name == name) {
+            found = i;
+        }
+    }
+    return found;
+}
+
 TEST_F(StrongSwanManagerTest, SaveWritesThePrivateFileAndLoadsTheTypedConnection) {
     make();
     saveToolProfile();
@@ -256,8 +264,8 @@ TEST_F(StrongSwanManagerTest, SaveWritesThePrivateFileAndLoadsTheTypedConnection
     ASSERT_NE(child, nullptr);
     EXPECT_EQ(*child->list("esp_proposals"), std::vector<std::string>{"aes256-sha256-modp2048"});
     EXPECT_EQ(*child->list("remote_ts"), std::vector<std::string>{"0.0.0.0/0"});
-    EXPECT_EQ(conn->section("remote")->get("revocation"), "ifuri");
-    EXPECT_EQ(conn->section("local")->get("eap_id"), "alice");
+    EXPECT_EQ(conn->section("remote")->get("revocation"), "relaxed");
+    EXPECT_EQ(conn->section("local")->get("eap_id"), "fqdn:alice");
 }
 
 TEST_F(StrongSwanManagerTest, SaveWithoutCharonIsNoError) {
@@ -275,6 +283,21 @@ TEST_F(StrongSwanManagerTest, ConnectionRefusedByCharonIsASaveError) {
     ASSERT_TRUE(error.has_value());
     EXPECT_EQ(error->code, ss::NEVPNErrorConfigurationInvalid);
     EXPECT_NE(error->description.find("invalid value for: proposals"), std::string::npos);
+}
+
+TEST_F(StrongSwanManagerTest, ValueCharonWouldInterpretIsASaveErrorAndNothingIsSaved) {
+    make();
+    auto profile = toolProfile();
+    profile.serverAddress = "192.0.2.2,192.0.2.3";
+    manager->setProtocolConfiguration(profile);
+    auto error = call(&ss::StrongSwanManager::saveToPreferences);
+    ASSERT_TRUE(error.has_value());
+    EXPECT_EQ(error->code, ss::NEVPNErrorConfigurationInvalid);
+    EXPECT_EQ(error->description,
+              "Error Domain=NEVPNErrorDomain Code=1 \"server address '192.0.2.2,192.0.2.3' is a "
+              "list; give one address or DNS name\"");
+    EXPECT_FALSE(fs::exists(prefs));
+    EXPECT_TRUE(server.requests("load-conn").empty());
 }
 
 TEST_F(StrongSwanManagerTest, SaveWithoutAProfileIsAnError) {
@@ -298,14 +321,40 @@ TEST_F(StrongSwanManagerTest, LoadReadsBackWhatWasSaved) {
     EXPECT_EQ(manager->localizedDescription(), kConn);
 }
 
-TEST_F(StrongSwanManagerTest, CorruptPreferencesAreALoadError) {
+TEST_F(StrongSwanManagerTest, CorruptPreferencesStandForAProfileThatASaveReplacesAndKeepsAside) {
+    const std::string corrupt = "<plist><dict><key>broken";
     fs::create_directories(prefs.parent_path());
-    std::ofstream(prefs) << "<plist><dict><key>broken";
+    std::ofstream(prefs) << corrupt;
+    make();
+    EXPECT_FALSE(call(&ss::StrongSwanManager::loadFromPreferences).has_value());
+    EXPECT_TRUE(manager->protocolConfiguration().has_value()) << "a profile is there";
+    saveToolProfile();
+    EXPECT_EQ(readFile(prefs.string() + ".corrupt"), corrupt);
+    make();
+    EXPECT_FALSE(call(&ss::StrongSwanManager::loadFromPreferences).has_value());
+    EXPECT_EQ(manager->protocolConfiguration(), toolProfile());
+}
+
+TEST_F(StrongSwanManagerTest, RemoveClearsCorruptPreferencesAndKeepsThemAside) {
+    const std::string corrupt = "not a property list";
+    fs::create_directories(prefs.parent_path());
+    std::ofstream(prefs) << corrupt;
+    make();
+    EXPECT_FALSE(call(&ss::StrongSwanManager::loadFromPreferences).has_value());
+    ASSERT_TRUE(manager->protocolConfiguration().has_value());
+    EXPECT_FALSE(call(&ss::StrongSwanManager::removeFromPreferences).has_value());
+    EXPECT_FALSE(fs::exists(prefs));
+    EXPECT_EQ(readFile(prefs.string() + ".corrupt"), corrupt);
+    EXPECT_FALSE(call(&ss::StrongSwanManager::loadFromPreferences).has_value());
+    EXPECT_FALSE(manager->protocolConfiguration().has_value());
+}
+
+TEST_F(StrongSwanManagerTest, UnreadablePreferencesAreStillALoadError) {
+    fs::create_directories(prefs);  // a folder where the file should be
     make();
     auto error = call(&ss::StrongSwanManager::loadFromPreferences);
     ASSERT_TRUE(error.has_value());
     EXPECT_NE(error->code, 0);
-    EXPECT_FALSE(error->description.empty());
 }
 
 TEST_F(StrongSwanManagerTest, RemoveDeletesTheFileAndUnloadsTheConnection) {
@@ -343,20 +392,21 @@ TEST_F(StrongSwanManagerTest, StartLoadsTheSecretThenInitiatesAndFollowsTheEvent
         std::size_t reg = indexOf(got, ViciPacketType::EventRegister, event);
         ASSERT_LT(reg, got.size()) << event;
         EXPECT_LT(reg, initiate) << event;
-        EXPECT_NE(got[reg].connection, got[initiate].connection) << "events on their own connection";
+        EXPECT_NE(got[reg].connection, got[initiate].connection)
+            << "events on their own connection";
     }
     const ViciSection& secret = got[shared].packet.message;
     EXPECT_EQ(secret.get("id"), "orvane-ikev2-eap");
     EXPECT_EQ(secret.get("type"), "EAP");
     EXPECT_EQ(secret.get("data"), kPassword);
     ASSERT_NE(secret.list("owners"), nullptr);
-    EXPECT_EQ(*secret.list("owners"), std::vector<std::string>{"alice"});
+    EXPECT_EQ(*secret.list("owners"), std::vector<std::string>{"fqdn:alice"});
     const ViciSection& init = got[initiate].packet.message;
     EXPECT_EQ(init.get("child"), "orvane");
     EXPECT_EQ(init.get("ike"), kConn);
     EXPECT_EQ(init.get("timeout"), "-1");
-    EXPECT_EQ(indexOf(got, ViciPacketType::CmdRequest, "load-conn"), 0u)
-        << "only the save loaded the connection";
+    EXPECT_EQ(server.requests("load-conn").size(), 1u) << "only the save loaded the connection";
+    EXPECT_LT(indexOf(got, ViciPacketType::CmdRequest, "load-conn"), shared);
 
     server.emit("ike-updown", updown(kConn, true, "ESTABLISHED", {"127.0.0.1"}));
     server.emit("child-updown", updown(kConn, true, "ESTABLISHED", {"127.0.0.1"}, true));
@@ -384,16 +434,90 @@ TEST_F(StrongSwanManagerTest, StartLoadsTheConnectionWhenTheSaveCouldNot) {
     EXPECT_LT(load, indexOf(got, ViciPacketType::CmdRequest, "initiate"));
 }
 
-TEST_F(StrongSwanManagerTest, StartIsRefusedWithoutCharonOrCredentials) {
+// A trust store of two (text-only) certificates, and a charon that holds
+// no authorities yet.
+void trustStoreOfTwo(FakeCharon& server, const fs::path& bundle) {
+    std::ofstream(bundle) << "-----BEGIN CERTIFICATE-----\nQUFB\n-----END CERTIFICATE-----\n"
+                          << "-----BEGIN CERTIFICATE-----\nQkJC\n-----END CERTIFICATE-----\n";
+    server.on("get-authorities", [](Link& link, const ViciSection&) {
+        ViciSection reply;
+        reply.addList("authorities", {});
+        link.respond(reply);
+    });
+    server.succeed("load-authority");
+}
+
+TEST_F(StrongSwanManagerTest, SaveGivesCharonTheSystemTrustAnchorsAfterItsCompletion) {
+    trustStoreOfTwo(server, root / "bundle.pem");
+    make([&](ss::StrongSwanOptions& o) { o.trustBundles = {(root / "bundle.pem").string()}; });
+    manager->setProtocolConfiguration(toolProfile());
+    bool done = false;
+    std::size_t asked = 1;
+    manager->saveToPreferences([&](const platform::OptionalError& error) {
+        EXPECT_FALSE(error.has_value());
+        done = true;
+        // A run that ends here (create only) has not started on them.
+        asked = server.requests("get-authorities").size();
+    });
+    ASSERT_TRUE(runUntil([&] { return server.requests("load-authority").size() == 2; }));
+    EXPECT_TRUE(done);
+    EXPECT_EQ(asked, 0u);
+    auto got = server.received();
+    EXPECT_LT(indexOf(got, ViciPacketType::CmdRequest, "load-conn"),
+              indexOf(got, ViciPacketType::CmdRequest, "get-authorities"));
+}
+
+TEST_F(StrongSwanManagerTest, StartWaitsForTheSystemTrustAnchors) {
+    // charon was away at the save: the start gives it the anchors before
+    // the exchange.
+    trustStoreOfTwo(server, root / "bundle.pem");
+    fs::create_directories(prefs.parent_path());
+    platform::NSError saveError;
+    ASSERT_TRUE(ss::ProfileStore(prefs).save({toolProfile(), true, kConn}, saveError));
+    make([&](ss::StrongSwanOptions& o) { o.trustBundles = {(root / "bundle.pem").string()}; });
+    ASSERT_FALSE(call(&ss::StrongSwanManager::loadFromPreferences).has_value());
+    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", kPassword}).has_value());
+    ASSERT_TRUE(runUntil([&] { return !server.requests("initiate").empty(); }));
+    auto got = server.received();
+    std::size_t initiate = indexOf(got, ViciPacketType::CmdRequest, "initiate");
+    std::size_t loads = 0;
+    for (std::size_t i = 0; i < got.size(); ++i) {
+        if (got[i].packet.name == "load-authority") {
+            ++loads;
+            EXPECT_LT(i, initiate);
+        }
+    }
+    EXPECT_EQ(loads, 2u);
+}
+
+TEST_F(StrongSwanManagerTest, StartIsRefusedWithoutCredentials) {
     make();
     saveToolProfile();
     EXPECT_TRUE(manager->connection()->startVPNTunnel({"alice", ""}).has_value());
     EXPECT_TRUE(manager->connection()->startVPNTunnel({"", kPassword}).has_value());
-    server.shutdown();
-    auto error = manager->connection()->startVPNTunnel({"alice", kPassword});
-    ASSERT_TRUE(error.has_value());
-    EXPECT_EQ(error->code, ss::NEVPNErrorConnectionFailed);
     EXPECT_EQ(status(), platform::NEVPNStatusDisconnected);
+}
+
+TEST_F(StrongSwanManagerTest, StartWithoutCharonEndsWithTheReasonThatItIsNotRunning) {
+    make();
+    saveToolProfile();
+    server.shutdown();
+    auto since = platform::SystemClock::now();
+    EXPECT_FALSE(manager->connection()->startVPNTunnel({"alice", kPassword}).has_value());
+    EXPECT_EQ(status(), platform::NEVPNStatusConnecting);
+    ASSERT_TRUE(runUntil([&] { return status() == platform::NEVPNStatusDisconnected; }));
+    EXPECT_EQ(manager->lastDisconnectError(since), "VPN service not running");
+}
+
+TEST_F(StrongSwanManagerTest, CharonThatDoesNotAnswerEndsTheStartWithThatReason) {
+    server.on("load-shared", [](Link&, const ViciSection&) { VirtualTime::advance(100ms); });
+    make([](ss::StrongSwanOptions& o) { o.configTimeout = 100ms; });
+    saveToolProfile();
+    auto since = platform::SystemClock::now();
+    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", kPassword}).has_value());
+    ASSERT_TRUE(runUntil([&] { return status() == platform::NEVPNStatusDisconnected; }));
+    EXPECT_EQ(manager->lastDisconnectError(since), "VPN service not answering");
+    EXPECT_TRUE(server.requests("initiate").empty());
 }
 
 TEST_F(StrongSwanManagerTest, RefusedSecretEndsTheStartWithoutInitiating) {
@@ -416,9 +540,11 @@ TEST_F(StrongSwanManagerTest, DownEventEndsTheTunnelAndLateLogLinesGiveTheReason
     server.emit("ike-updown", updown(kConn, false, "DELETING"));
     server.emit("child-updown", updown(kConn, false, "DELETING", {}, true));
     ASSERT_TRUE(runUntil([&] { return status() == platform::NEVPNStatusDisconnected; }));
-    // The secret is gone from charon before anyone hears of the end.
-    ASSERT_EQ(server.requests("unload-shared").size(), 1u);
-    EXPECT_EQ(server.requests("unload-shared")[0].message.get("id"), "orvane-ikev2-eap");
+    // The secret stays while the process runs, and goes when it ends.
+    std::size_t unloads = server.requests("unload-shared").size();
+    manager->finish();
+    ASSERT_EQ(server.requests("unload-shared").size(), unloads + 1);
+    EXPECT_EQ(server.requests("unload-shared").back().message.get("id"), "orvane-ikev2-eap");
     // charon's log lines for it come after the down event.
     server.emit("log", logLine("received DELETE for IKE_SA Orvane IKEv2[1]"));
     server.emit("log", logLine("IKE_SA deleted"));
@@ -445,7 +571,8 @@ TEST_F(StrongSwanManagerTest, AuthenticationFailureGivesItsReason) {
     auto since = platform::SystemClock::now();
     ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", kPassword}).has_value());
     ASSERT_TRUE(runUntil([&] { return !server.requests("initiate").empty(); }));
-    server.emit("log", logLine("EAP-MS-CHAPv2 failed with error ERROR_AUTHENTICATION_FAILURE: '(null)'"));
+    server.emit("log",
+                logLine("EAP-MS-CHAPv2 failed with error ERROR_AUTHENTICATION_FAILURE: '(null)'"));
     server.emit("log", logLine("EAP_MSCHAPV2 method failed"));
     server.emit("log", logLine("received EAP_FAILURE, EAP authentication failed", "another conn"));
     server.emit("ike-updown", updown(kConn, false, "CONNECTING"));
@@ -480,7 +607,7 @@ TEST_F(StrongSwanManagerTest, TunnelThatVanishesWithoutAnEventIsDetected) {
     EXPECT_TRUE(runUntil([&] { return seen.size() >= 2; }));
     runUntil([] { return false; }, 50ms);
     EXPECT_EQ(seen, (std::vector<NEVPNStatus>{platform::NEVPNStatusConnecting,
-                                             platform::NEVPNStatusDisconnected}));
+                                              platform::NEVPNStatusDisconnected}));
 }
 
 TEST_F(StrongSwanManagerTest, SetupIsCheckedOftenButAConnectedTunnelOnlyAtTheSlowInterval) {
@@ -533,7 +660,10 @@ TEST_F(StrongSwanManagerTest, ConnectedTunnelThatVanishesIsFoundByTheSlowCheck) 
 TEST_F(StrongSwanManagerTest, FailedInitiateEndsTheStart) {
     state.initiateAnswer = success(false, "establishing CHILD_SA 'orvane' failed");
     server.on("initiate", [this](Link& link, const ViciSection&) {
-        server.emit("log", logLine("resolving 'vpn.example.net' failed: Temporary failure in name resolution", "", "LIB"));
+        server.emit(
+            "log",
+            logLine("resolving 'vpn.example.net' failed: Temporary failure in name resolution", "",
+                    "LIB"));
         server.emit("log", logLine("unable to resolve vpn.example.net, initiate aborted"));
         link.respond(state.initiateAnswer);
     });
@@ -551,15 +681,20 @@ TEST_F(StrongSwanManagerTest, StopTerminatesBeforeItReturns) {
     saveToolProfile();
     startAndConnect();
     std::size_t before = server.requests("unload-shared").size();
+    std::size_t terminatesBefore = server.requests("terminate").size();
     manager->connection()->stopVPNTunnel();
     // Without turning the loop: the requests are already with charon.
     auto terminates = server.requests("terminate");
-    ASSERT_EQ(terminates.size(), 1u);
-    EXPECT_EQ(terminates[0].message.get("ike"), kConn);
-    EXPECT_EQ(terminates[0].message.get("force"), "yes");
-    EXPECT_EQ(terminates[0].message.get("timeout"), "-1");
+    ASSERT_EQ(terminates.size(), terminatesBefore + 1);
+    EXPECT_EQ(terminates.back().message.get("ike"), kConn);
+    EXPECT_EQ(terminates.back().message.get("force"), "yes");
+    EXPECT_EQ(terminates.back().message.get("timeout"), "-1");
     EXPECT_EQ(server.requests("unload-shared").size(), before + 1);
     EXPECT_EQ(server.requests("unload-shared").back().message.get("id"), "orvane-ikev2-eap");
+    auto got = server.received();
+    EXPECT_LT(lastIndexOf(got, ViciPacketType::CmdRequest, "unload-shared"),
+              lastIndexOf(got, ViciPacketType::CmdRequest, "terminate"))
+        << "the secret goes first";
     EXPECT_EQ(status(), platform::NEVPNStatusDisconnecting);
     server.emit("ike-updown", updown(kConn, false, "DELETING"));
     ASSERT_TRUE(runUntil([&] { return status() == platform::NEVPNStatusDisconnected; }));
@@ -572,13 +707,30 @@ TEST_F(StrongSwanManagerTest, AHungCharonHoldsTheStopOnlyBriefly) {
     // charon sits on each request while its time runs out.
     server.on("terminate", [](Link&, const ViciSection&) { VirtualTime::advance(100ms); });
     server.on("unload-shared", [](Link&, const ViciSection&) { VirtualTime::advance(100ms); });
+    std::size_t unloads = server.requests("unload-shared").size();
     auto start = LoopClock::now();
     manager->connection()->stopVPNTunnel();
     // The wait ends at its bound, and the connection given up on takes no
     // second one.
     EXPECT_EQ(LoopClock::now() - start, 100ms);
-    EXPECT_EQ(server.requests("terminate").size(), 1u) << "the request went out all the same";
+    EXPECT_EQ(server.requests("unload-shared").size(), unloads + 1) << "the request went out";
     EXPECT_EQ(status(), platform::NEVPNStatusDisconnecting);
+    // A charon known not to answer is not waited for again at the end.
+    start = LoopClock::now();
+    manager->finish();
+    EXPECT_EQ(LoopClock::now() - start, 0ms);
+}
+
+TEST_F(StrongSwanManagerTest, TerminateThatHangsDoesNotKeepTheSecretLoaded) {
+    make([](ss::StrongSwanOptions& o) { o.stopTimeout = 100ms; });
+    saveToolProfile();
+    startAndConnect();
+    server.on("terminate", [](Link&, const ViciSection&) { VirtualTime::advance(100ms); });
+    std::size_t unloads = server.requests("unload-shared").size();
+    manager->connection()->stopVPNTunnel();
+    EXPECT_EQ(server.requests("unload-shared").size(), unloads + 1);
+    manager->finish();
+    EXPECT_EQ(server.requests("unload-shared").size(), unloads + 1) << "unloaded once";
 }
 
 TEST_F(StrongSwanManagerTest, UnansweredLoadConnIsNoSaveError) {
@@ -610,8 +762,10 @@ TEST_F(StrongSwanManagerTest, StopBeforeStartSendsNothing) {
     EXPECT_TRUE(server.requests("terminate").empty());
     saveToolProfile();
     EXPECT_EQ(status(), platform::NEVPNStatusDisconnected);
+    std::size_t afterSave = server.received().size();
     manager->connection()->stopVPNTunnel();
-    EXPECT_TRUE(server.requests("terminate").empty());
+    manager->finish();
+    EXPECT_EQ(server.received().size(), afterSave);
 }
 
 TEST_F(StrongSwanManagerTest, ARestartedCharonGetsTheConnectionAgain) {
@@ -675,6 +829,260 @@ TEST_F(StrongSwanManagerTest, ServicesFallBackToIpsec0AndToNoneWithoutCharon) {
     EXPECT_EQ((*services)[0].interfaceName, "ipsec0");
     server.shutdown();
     EXPECT_FALSE(manager->networkServices().has_value());
+}
+
+TEST_F(StrongSwanManagerTest, WithoutASystemBusTheTunnelRunsAsUsual) {
+    make([](ss::StrongSwanOptions& o) { o.sleep.bus = "unix:path=/nonexistent/bus_socket"; });
+    saveToolProfile();
+    startAndConnect();
+    EXPECT_TRUE(logcapture::contains("no system bus, sleep is not watched"));
+    for (const auto& entry : logcapture::entries()) {
+        EXPECT_EQ(entry.flag, DDLogFlagDebug) << entry.message;
+    }
+}
+
+// The backend watching for sleep on a private bus with a logind stand-in.
+class StrongSwanSleepTest : public StrongSwanManagerTest {
+  protected:
+    void SetUp() override {
+        StrongSwanManagerTest::SetUp();
+        testlogind::start(bus, standIn);
+    }
+
+    ss::StrongSwanManager& makeWatching() {
+        return make([this](ss::StrongSwanOptions& o) {
+            o.sleep.bus = bus->address();
+            o.sleep.acknowledgeWait = 200ms;
+        });
+    }
+
+    bool lockHeld() {
+        return runUntil([&] { return standIn->held() == 1; });
+    }
+    bool lockReleased() {
+        return runUntil([&] { return standIn->held() == 0 && standIn->released() == 1; });
+    }
+
+    std::unique_ptr<logind::PrivateBus> bus;
+    std::unique_ptr<logind::LogindStandIn> standIn;
+};
+
+TEST_F(StrongSwanSleepTest, SleepStopsTheTunnelWithTheSleepReasonAndThenReleasesTheLock) {
+    makeWatching();
+    saveToolProfile();
+    auto since = platform::SystemClock::now();
+    startAndConnect();
+    ASSERT_TRUE(lockHeld());
+    seen.clear();
+    std::size_t before = server.requests("terminate").size();
+    standIn->prepareForSleep(true);
+    ASSERT_TRUE(runUntil([&] { return status() == platform::NEVPNStatusDisconnected; }));
+    // The server first gets a bounded moment to acknowledge the DELETE,
+    // then the ordinary stop follows.
+    auto terminates = server.requests("terminate");
+    ASSERT_EQ(terminates.size(), before + 2);
+    EXPECT_EQ(terminates[before].message.get("ike"), kConn);
+    EXPECT_EQ(terminates[before].message.get("force"), "yes");
+    EXPECT_EQ(terminates[before].message.get("timeout"), "200");
+    EXPECT_EQ(terminates[before + 1].message.get("timeout"), "-1");
+    EXPECT_TRUE(lockReleased());
+    EXPECT_EQ(seen, (std::vector<NEVPNStatus>{platform::NEVPNStatusDisconnecting,
+                                              platform::NEVPNStatusDisconnected}));
+    EXPECT_EQ(manager->lastDisconnectError(since), "system going to sleep");
+}
+
+TEST_F(StrongSwanSleepTest, SleepWhileConnectingEndsTheStartWithTheSleepReason) {
+    makeWatching();
+    saveToolProfile();
+    auto since = platform::SystemClock::now();
+    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", kPassword}).has_value());
+    ASSERT_TRUE(lockHeld());
+    standIn->prepareForSleep(true);
+    ASSERT_TRUE(runUntil([&] { return status() == platform::NEVPNStatusDisconnected; }));
+    EXPECT_TRUE(lockReleased());
+    EXPECT_EQ(manager->lastDisconnectError(since), "system going to sleep");
+}
+
+TEST_F(StrongSwanSleepTest, TheLockIsReleasedWhenTheTunnelEndsForAnotherReason) {
+    makeWatching();
+    saveToolProfile();
+    auto since = platform::SystemClock::now();
+    startAndConnect();
+    ASSERT_TRUE(lockHeld());
+    server.emit("ike-updown", updown(kConn, false, "DELETING"));
+    server.emit("log", logLine("received DELETE for IKE_SA Orvane IKEv2[1]"));
+    ASSERT_TRUE(runUntil([&] { return status() == platform::NEVPNStatusDisconnected; }));
+    EXPECT_TRUE(lockReleased());
+    EXPECT_EQ(manager->lastDisconnectError(since), "deleted by peer");
+}
+
+TEST_F(StrongSwanSleepTest, AProfileThatStaysUpInSleepTakesNoLock) {
+    makeWatching();
+    auto profile = toolProfile();
+    profile.disconnectOnSleep = false;
+    manager->setProtocolConfiguration(profile);
+    ASSERT_FALSE(call(&ss::StrongSwanManager::saveToPreferences).has_value());
+    startAndConnect();
+    runUntil([] { return false; }, 200ms);
+    EXPECT_TRUE(standIn->inhibitors().empty());
+}
+
+TEST_F(StrongSwanManagerTest, StartFirstEndsTheIkeSaAnEarlierRunLeftInCharon) {
+    make();
+    saveToolProfile();
+    EXPECT_TRUE(server.requests("terminate").empty()) << "the save leaves charon's SAs alone";
+    {
+        std::lock_guard lock(state.mutex);
+        state.saPresent = true;  // left by a killed run
+    }
+    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", kPassword}).has_value());
+    ASSERT_TRUE(runUntil([&] { return !server.requests("initiate").empty(); }));
+    auto got = server.received();
+    std::size_t terminate = indexOf(got, ViciPacketType::CmdRequest, "terminate");
+    ASSERT_LT(terminate, got.size());
+    EXPECT_EQ(got[terminate].packet.message.get("ike"), kConn);
+    EXPECT_EQ(got[terminate].packet.message.get("force"), "yes");
+    EXPECT_LT(terminate, indexOf(got, ViciPacketType::CmdRequest, "initiate"));
+    EXPECT_EQ(got[terminate].connection,
+              got[indexOf(got, ViciPacketType::CmdRequest, "load-shared")].connection);
+}
+
+TEST_F(StrongSwanManagerTest, StartGoesOnWhenNothingWasLeftToEnd) {
+    server.on("terminate", [](Link& link, const ViciSection&) {
+        link.respond(success(false, "no matching SAs to terminate found"));
+    });
+    make();
+    saveToolProfile();
+    startAndConnect();
+}
+
+TEST_F(StrongSwanManagerTest, SecondInstanceCannotSaveAndLeavesTheFirstAlone) {
+    make();
+    saveToolProfile();
+    const std::string saved = readFile(prefs);
+    asio::io_context otherIo;
+    ss::StrongSwanOptions options = manager->options();
+    ss::StrongSwanManager second(otherIo, options);
+    std::size_t requests = server.received().size();
+    second.setProtocolConfiguration(toolProfile("other.example.net"));
+    std::optional<platform::OptionalError> result;
+    second.saveToPreferences([&](const platform::OptionalError& error) { result = error; });
+    otherIo.run();
+    ASSERT_TRUE(result.has_value());
+    ASSERT_TRUE(result->has_value());
+    EXPECT_EQ((*result)->code, ss::NEVPNErrorConfigurationReadWriteFailed);
+    EXPECT_NE((*result)->description.find("in use by another orvane-ikev2 (pid " +
+                                          std::to_string(::getpid()) + ")"),
+              std::string::npos)
+        << (*result)->description;
+    EXPECT_EQ(server.received().size(), requests) << "charon untouched";
+    EXPECT_EQ(readFile(prefs), saved) << "profile untouched";
+}
+
+TEST_F(StrongSwanManagerTest, ProfileCharonRefusesLeavesTheSavedFileUnchanged) {
+    make();
+    saveToolProfile();
+    const std::string saved = readFile(prefs);
+    state.loadConnAnswer = success(false, "invalid value for: remote_addrs, config discarded");
+    manager->setProtocolConfiguration(toolProfile("other.example.net"));
+    auto error = call(&ss::StrongSwanManager::saveToPreferences);
+    ASSERT_TRUE(error.has_value());
+    EXPECT_EQ(readFile(prefs), saved);
+}
+
+TEST_F(StrongSwanManagerTest, ProfileCharonRefusesIsNotWrittenWhenNoneWasSaved) {
+    state.loadConnAnswer = success(false, "invalid value for: remote_addrs, config discarded");
+    make();
+    manager->setProtocolConfiguration(toolProfile());
+    ASSERT_TRUE(call(&ss::StrongSwanManager::saveToPreferences).has_value());
+    EXPECT_FALSE(fs::exists(prefs));
+}
+
+TEST_F(StrongSwanManagerTest, FileThatCannotBeWrittenTakesTheConnectionBackOutOfCharon) {
+    fs::create_directories(prefs);  // a folder where the file should be
+    make();
+    manager->setProtocolConfiguration(toolProfile());
+    ASSERT_TRUE(call(&ss::StrongSwanManager::saveToPreferences).has_value());
+    auto got = server.received();
+    EXPECT_LT(indexOf(got, ViciPacketType::CmdRequest, "load-conn"),
+              indexOf(got, ViciPacketType::CmdRequest, "unload-conn"));
+    EXPECT_LT(indexOf(got, ViciPacketType::CmdRequest, "unload-conn"), got.size());
+    EXPECT_FALSE(manager->connectionLoaded());
+}
+
+TEST_F(StrongSwanManagerTest, RemoveEndsALiveTunnelOfTheProfile) {
+    make();
+    saveToolProfile();
+    std::size_t terminates = server.requests("terminate").size();
+    EXPECT_FALSE(call(&ss::StrongSwanManager::removeFromPreferences).has_value());
+    auto got = server.received();
+    ASSERT_EQ(server.requests("terminate").size(), terminates + 1);
+    EXPECT_EQ(server.requests("terminate").back().message.get("ike"), kConn);
+    EXPECT_LT(lastIndexOf(got, ViciPacketType::CmdRequest, "terminate"),
+              lastIndexOf(got, ViciPacketType::CmdRequest, "unload-conn"));
+}
+
+TEST_F(StrongSwanManagerTest, ReauthenticationKeepsTheTunnelAndTheSecret) {
+    make();
+    saveToolProfile();
+    startAndConnect();
+    int before = notifications;
+    std::size_t unloads = server.requests("unload-shared").size();
+    auto reauth = [](ViciSection event) {
+        for (auto& entry : event.entries()) {
+            if (entry.name == kConn) {
+                entry.section.addList("tasks-active", {"IKE_REAUTH"});
+            }
+        }
+        return event;
+    };
+    server.emit("ike-updown", reauth(updown(kConn, false, "DELETING")));
+    server.emit("child-updown", reauth(updown(kConn, false, "DELETING", {}, true)));
+    server.emit("ike-updown", updown(kConn, true, "ESTABLISHED", {"127.0.0.1"}));
+    server.emit("child-updown", updown(kConn, true, "ESTABLISHED", {"127.0.0.1"}, true));
+    runUntil([] { return false; }, 100ms);
+    EXPECT_EQ(status(), platform::NEVPNStatusConnected);
+    EXPECT_EQ(notifications, before) << "no status change";
+    EXPECT_EQ(server.requests("unload-shared").size(), unloads);
+}
+
+TEST_F(StrongSwanManagerTest, TunnelRefusedUnderAnEstablishedIkeSaEndsTheStartWithTheReason) {
+    make();
+    saveToolProfile();
+    auto since = platform::SystemClock::now();
+    ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", kPassword}).has_value());
+    ASSERT_TRUE(runUntil([&] { return !server.requests("initiate").empty(); }));
+    std::size_t terminates = server.requests("terminate").size();
+    server.emit("ike-updown", updown(kConn, true, "ESTABLISHED", {"127.0.0.1"}));
+    server.emit("log", logLine("received NO_PROPOSAL_CHOSEN notify, no CHILD_SA built"));
+    server.emit("log", logLine("failed to establish CHILD_SA, keeping IKE_SA"));
+    ASSERT_TRUE(runUntil([&] { return status() == platform::NEVPNStatusDisconnected; }));
+    EXPECT_EQ(server.requests("terminate").size(), terminates + 1) << "charon keeps no IKE_SA";
+    EXPECT_EQ(manager->lastDisconnectError(since), "no proposal chosen");
+}
+
+TEST_F(StrongSwanManagerTest, CharonShuttingDownUnderTheTunnelGivesTheReason) {
+    make();
+    saveToolProfile();
+    auto since = platform::SystemClock::now();
+    startAndConnect();
+    server.emit("log", logLine("SIGTERM received, shutting down", "", "DMN"));
+    server.emit("ike-updown", updown(kConn, false, "DELETING"));
+    ASSERT_TRUE(runUntil([&] { return status() == platform::NEVPNStatusDisconnected; }));
+    EXPECT_EQ(manager->lastDisconnectError(since), "VPN service stopped");
+}
+
+TEST_F(StrongSwanManagerTest, CharonClosingRightAfterTheTunnelWentDownGivesTheReason) {
+    // Shutting down, charon deletes the IKE_SA and closes its socket; its
+    // own log line about it may be lost on the way.
+    make();
+    saveToolProfile();
+    auto since = platform::SystemClock::now();
+    startAndConnect();
+    server.emit("ike-updown", updown(kConn, false, "DELETING"));
+    ASSERT_TRUE(runUntil([&] { return status() == platform::NEVPNStatusDisconnected; }));
+    server.hangUpAll();
+    EXPECT_EQ(manager->lastDisconnectError(since), "VPN service stopped");
 }
 
 }  // namespace

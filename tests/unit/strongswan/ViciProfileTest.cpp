@@ -52,15 +52,16 @@ TEST(ViciProfileTest, ToolProfileBecomesTheExpectedTypedConnection) {
         {{c, "remote_addrs"}, K::List, {"vpn.example.net"}},
         {{c, "vips"}, K::List, {"0.0.0.0"}},
         {{c, "proposals"}, K::List, {"aes256-sha256-modp2048"}},
+        {{c, "send_certreq"}, K::Value, {"no"}},
         {{c, "dpd_delay"}, K::Value, {"60s"}},
-        {{c, "rekey_time"}, K::Value, {"77760s"}},
-        {{c, "over_time"}, K::Value, {"8640s"}},
+        {{c, "rekey_time"}, K::Value, {"86100s"}},
+        {{c, "over_time"}, K::Value, {"300s"}},
         {{c, "local", "auth"}, K::Value, {"eap-mschapv2"}},
-        {{c, "local", "id"}, K::Value, {"alice"}},
-        {{c, "local", "eap_id"}, K::Value, {"alice"}},
+        {{c, "local", "id"}, K::Value, {"fqdn:alice"}},
+        {{c, "local", "eap_id"}, K::Value, {"fqdn:alice"}},
         {{c, "remote", "auth"}, K::Value, {"pubkey"}},
-        {{c, "remote", "id"}, K::Value, {"server.example.net"}},
-        {{c, "remote", "revocation"}, K::Value, {"ifuri"}},
+        {{c, "remote", "id"}, K::Value, {"fqdn:server.example.net"}},
+        {{c, "remote", "revocation"}, K::Value, {"relaxed"}},
         {{c, "children", "orvane", "remote_ts"}, K::List, {"0.0.0.0/0"}},
         {{c, "children", "orvane", "esp_proposals"}, K::List, {"aes256-sha256-modp2048"}},
         {{c, "children", "orvane", "rekey_time"}, K::Value, {"77760s"}},
@@ -79,14 +80,14 @@ TEST(ViciProfileTest, ToolProfileBecomesTheExpectedTypedConnection) {
     // Nothing else: one connection, and no key beyond the expected ones.
     ASSERT_EQ(message.entries().size(), 1u);
     const ViciSection& conn = *message.section(c);
-    EXPECT_EQ(conn.entries().size(), 10u);  // 7 keys + local, remote, children
+    EXPECT_EQ(conn.entries().size(), 11u);  // 8 keys + local, remote, children
     EXPECT_EQ(conn.section("local")->entries().size(), 3u);
     EXPECT_EQ(conn.section("remote")->entries().size(), 3u);
     EXPECT_EQ(conn.section("children")->section("orvane")->entries().size(), 4u);
     // The sections come in the order charon reads auth rounds.
-    EXPECT_EQ(conn.entries()[7].name, "local");
-    EXPECT_EQ(conn.entries()[8].name, "remote");
-    EXPECT_EQ(conn.entries()[9].name, "children");
+    EXPECT_EQ(conn.entries()[8].name, "local");
+    EXPECT_EQ(conn.entries()[9].name, "remote");
+    EXPECT_EQ(conn.entries()[10].name, "children");
 }
 
 TEST(ViciProfileTest, OptionalSettingsChangeOnlyTheirKeys) {
@@ -103,12 +104,88 @@ TEST(ViciProfileTest, OptionalSettingsChangeOnlyTheirKeys) {
     const ViciSection& conn = *message.section("Orvane IKEv2");
     EXPECT_EQ(*conn.section("children")->section("orvane")->list("esp_proposals"),
               std::vector<std::string>{"aes256-sha256"});
-    EXPECT_EQ(conn.section("remote")->value("revocation"), nullptr);
+    EXPECT_EQ(conn.section("remote")->get("revocation"), "relaxed");
     EXPECT_EQ(conn.get("dpd_delay"), "0s");
-    EXPECT_EQ(conn.section("local")->get("id"), "client.example.net");
-    EXPECT_EQ(conn.section("local")->get("eap_id"), "alice");
+    EXPECT_EQ(conn.section("local")->get("id"), "fqdn:client.example.net");
+    EXPECT_EQ(conn.section("local")->get("eap_id"), "fqdn:alice");
     EXPECT_EQ(conn.value("rekey_time"), nullptr);
     EXPECT_EQ(conn.section("children")->section("orvane")->value("life_time"), nullptr);
+}
+
+TEST(ViciProfileTest, RevocationAsThePlatformChecksIt) {
+    struct Case {
+        bool check;
+        bool strict;
+        const char* policy;
+    };
+    // Only a strict check needs a "good" answer; otherwise an unreachable
+    // revocation server is no failure and only "revoked" is.
+    for (const Case& c : {Case{true, true, "strict"}, Case{true, false, "relaxed"},
+                          Case{false, false, "relaxed"}, Case{false, true, "relaxed"}}) {
+        auto p = testprofile::toolProfile();
+        p.enableRevocationCheck = c.check;
+        p.strictRevocationCheck = c.strict;
+        ViciSection message;
+        std::string error;
+        ASSERT_TRUE(ss::buildLoadConn(p, message, error)) << error;
+        EXPECT_EQ(message.section("Orvane IKEv2")->section("remote")->get("revocation"), c.policy)
+            << c.check << c.strict;
+    }
+}
+
+TEST(ViciProfileTest, ConfigurationValuesReachCharonLiterally) {
+    auto p = testprofile::toolProfile("%any");
+    p.username = "@alice";
+    p.serverAddress = "192.0.2.2";
+    ViciSection message;
+    std::string error;
+    ASSERT_TRUE(ss::buildLoadConn(p, message, error)) << error;
+    const ViciSection& conn = *message.section("Orvane IKEv2");
+    EXPECT_EQ(*conn.list("remote_addrs"), std::vector<std::string>{"192.0.2.2"});
+    EXPECT_EQ(conn.section("remote")->get("id"), "fqdn:%any");
+    EXPECT_EQ(conn.section("local")->get("id"), "email:@alice");
+    EXPECT_EQ(conn.section("local")->get("eap_id"), "email:@alice");
+
+    ViciSection shared;
+    ASSERT_TRUE(ss::buildLoadShared("@alice", "pw", shared, error)) << error;
+    EXPECT_EQ(*shared.list("owners"), std::vector<std::string>{"email:@alice"});
+}
+
+TEST(ViciProfileTest, ValuesCharonWouldReadMoreIntoAreRefused) {
+    struct Case {
+        const char* server;
+        const char* remote;
+        const char* user;
+        const char* error;
+    };
+    const Case cases[] = {
+        {"192.0.2.2,192.0.2.3", "vpn", "alice", "server address '192.0.2.2,192.0.2.3' is a list"},
+        {"%any", "vpn", "alice", "server address '%any' holds '%'"},
+        {"vpn", "*.example.net", "alice", "remote identifier '*.example.net' starts with '*'"},
+        {"vpn", "", "alice", "no remote identifier"},
+        {"vpn", "vpn", "*", "user name '*' starts with '*'"},
+    };
+    for (const Case& c : cases) {
+        auto p = testprofile::toolProfile(c.remote);
+        p.serverAddress = c.server;
+        p.username = c.user;
+        ViciSection message;
+        std::string error;
+        EXPECT_FALSE(ss::buildLoadConn(p, message, error)) << c.error;
+        EXPECT_EQ(error.rfind(c.error, 0), 0u) << error;
+        EXPECT_TRUE(message.empty());
+    }
+    auto p = testprofile::toolProfile();
+    p.remoteIdentifier.reset();
+    ViciSection message;
+    std::string error;
+    EXPECT_FALSE(ss::buildLoadConn(p, message, error));
+    EXPECT_EQ(error, "no remote identifier");
+
+    ViciSection shared;
+    EXPECT_FALSE(ss::buildLoadShared(std::string(300, 'a'), "pw", shared, error));
+    EXPECT_NE(error.find("too long"), std::string::npos);
+    EXPECT_TRUE(shared.empty());
 }
 
 TEST(ViciProfileTest, DeadPeerDetectionRates) {
@@ -210,12 +287,13 @@ TEST(ViciProfileTest, RefusesWhatCharonCouldNotUse) {
 
 TEST(ViciProfileTest, ControlMessages) {
     ViciSection shared;
-    ss::buildLoadShared("alice", "s3cret pass", shared);
+    std::string error;
+    ASSERT_TRUE(ss::buildLoadShared("alice", "s3cret pass", shared, error)) << error;
     EXPECT_EQ(shared.get("id"), "orvane-ikev2-eap");
     EXPECT_EQ(shared.get("type"), "EAP");
     EXPECT_EQ(shared.get("data"), "s3cret pass");
     ASSERT_NE(shared.list("owners"), nullptr);
-    EXPECT_EQ(*shared.list("owners"), std::vector<std::string>{"alice"});
+    EXPECT_EQ(*shared.list("owners"), std::vector<std::string>{"fqdn:alice"});
 
     ViciSection initiate = ss::buildInitiate();
     EXPECT_EQ(initiate.get("child"), "orvane");
@@ -232,3 +310,25 @@ TEST(ViciProfileTest, ControlMessages) {
 }
 
 }  // namespace
+
+TEST(ViciProfileTest, IkeSaIsRekeyedFiveMinutesBeforeALongLifetimeEnds) {
+    // charon re-authenticates this margin before a server's AUTH_LIFETIME
+    // ends: an hour-long server lifetime must not look already due.
+    ViciSection message;
+    std::string error;
+    ASSERT_TRUE(ss::buildLoadConn(testprofile::toolProfile(), message, error)) << error;
+    const ViciSection& conn = *message.section("Orvane IKEv2");
+    EXPECT_EQ(conn.get("rekey_time"), "86100s");
+    EXPECT_EQ(conn.get("over_time"), "300s");
+}
+
+TEST(ViciProfileTest, ShortIkeLifetimeKeepsATenPercentMargin) {
+    auto p = testprofile::toolProfile();
+    p.IKESecurityAssociationParameters.lifetimeMinutes = 10;
+    ViciSection message;
+    std::string error;
+    ASSERT_TRUE(ss::buildLoadConn(p, message, error)) << error;
+    const ViciSection& conn = *message.section("Orvane IKEv2");
+    EXPECT_EQ(conn.get("rekey_time"), "540s");
+    EXPECT_EQ(conn.get("over_time"), "60s");
+}

@@ -99,7 +99,7 @@ TEST_F(SignalHandlingTest, SignalHandlerWakesTheLoopWhichEndsTheSliceAtOnce) {
     EXPECT_EQ(platform::RunLoop::Clock::now() - start, 50ms);
     EXPECT_TRUE(terminated);
     EXPECT_EQ(platform().stopCount(), 1);
-    for (int signo : {SIGUSR1, SIGINT, SIGTERM}) {
+    for (int signo : {SIGUSR1, SIGINT, SIGTERM, SIGHUP}) {
         struct sigaction installed {};
         ASSERT_EQ(::sigaction(signo, nullptr, &installed), 0);
         EXPECT_EQ(installed.sa_handler, &sig_handler) << signo;
@@ -107,7 +107,46 @@ TEST_F(SignalHandlingTest, SignalHandlerWakesTheLoopWhichEndsTheSliceAtOnce) {
         EXPECT_EQ(installed.sa_flags & (SA_RESTART | SA_RESETHAND | SA_SIGINFO | SA_NODEFER), 0)
             << signo;
     }
-    for (int signo : {SIGUSR1, SIGINT, SIGTERM}) {
+    for (int signo : {SIGUSR1, SIGINT, SIGTERM, SIGHUP}) {
         ::signal(signo, SIG_DFL);
     }
+}
+
+TEST_F(SignalHandlingTest, SliceKeepsTurningAfterTheSignalUntilTheTunnelReportsDisconnected) {
+    startConnector();
+    platform().fireStatus(platform::NEVPNStatusConnected);
+    auto& loop = platform::RunLoop::main();
+    bool downSeen = false;
+    platform::addStatusObserver([&downSeen] {
+        downSeen = platform().status() == platform::NEVPNStatusDisconnected;
+    });
+    loop.post([] { handle_signal(SIGTERM); });
+    loop.dispatchAfter(20ms, [] { platform().fireStatus(platform::NEVPNStatusDisconnecting); });
+    loop.dispatchAfter(40ms, [] { platform().fireStatus(platform::NEVPNStatusDisconnected); });
+    const auto start = platform::RunLoop::Clock::now();
+    loop.runUntil(start + 5s);
+    EXPECT_LT(platform::RunLoop::Clock::now() - start, 1s);
+    EXPECT_TRUE(downSeen);
+    EXPECT_EQ(platform().stopCount(), 1);
+}
+
+TEST_F(SignalHandlingTest, SliceEndsAtItsDeadlineWhenTheTunnelNeverReportsDisconnected) {
+    startConnector();
+    platform().fireStatus(platform::NEVPNStatusConnected);
+    auto& loop = platform::RunLoop::main();
+    loop.post([] { handle_signal(SIGTERM); });
+    loop.dispatchAfter(20ms, [] { platform().fireStatus(platform::NEVPNStatusDisconnecting); });
+    const auto start = platform::RunLoop::Clock::now();
+    loop.runUntil(start + 200ms);
+    EXPECT_GE(platform::RunLoop::Clock::now() - start, 200ms);
+    EXPECT_TRUE(terminated);
+}
+
+TEST_F(SignalHandlingTest, SignalWithNoTunnelUpEndsTheSliceAtOnce) {
+    startConnector();
+    auto& loop = platform::RunLoop::main();
+    loop.post([] { handle_signal(SIGINT); });
+    const auto start = platform::RunLoop::Clock::now();
+    loop.runUntil(start + 5s);
+    EXPECT_LT(platform::RunLoop::Clock::now() - start, 1s);
 }

@@ -26,13 +26,13 @@ TEST(ToolConnectTest, WholeConnectAtVerboseLevelNeverShowsThePassword) {
     tool.writeFile("client.conf", kConfig);
     tool.start({"--verbose", "-c", "client.conf"});
     ASSERT_TRUE(tool.waitForRecord("status 3"));
-    tool.signal(SIGTERM);
+    tool.signalInAFreshSlice(SIGTERM);
     EXPECT_EQ(tool.wait(), 0);
 
     EXPECT_EQ(tool.messages(),
               (Lines{"IKEv2 Configuration saved!", "IKEv2 Connecting", "Service: Wi-Fi",
                      "Service: Orvane IKEv2", "IKEv2 Interface ipsec1", "IKEv2 Connected",
-                     "Received signal 15"}));
+                     "Received signal 15", "IKEv2 Disconnecting", "IKEv2 Disconnected"}));
     for (const std::string& line : testing_support::lines(tool.err())) {
         EXPECT_TRUE(std::regex_match(line, kLogLine)) << line;
         EXPECT_EQ(line.find(kPassword), std::string::npos) << line;

@@ -24,6 +24,15 @@
 
 namespace testing_support {
 
+// How the tool's standard descriptors are set up: by default standard output
+// and error go to files of the tool's folder.
+struct ToolStdio {
+    // The tool starts with these of its descriptors 0-2 closed.
+    std::vector<int> closed;
+    // When set, standard error is this descriptor (a pipe, ...).
+    int stderrFd = -1;
+};
+
 class ToolProcess {
   public:
     using Clock = std::chrono::steady_clock;
@@ -52,7 +61,9 @@ class ToolProcess {
         std::ofstream(path(name), std::ios::binary | std::ios::trunc) << text;
     }
 
-    void start(const std::vector<std::string>& arguments) {
+    using Stdio = ToolStdio;
+
+    void start(const std::vector<std::string>& arguments, const Stdio& stdio = ToolStdio()) {
         std::vector<std::string> argvText{ORVANE_TOOL_TEST_BINARY};
         argvText.insert(argvText.end(), arguments.begin(), arguments.end());
         const std::string scriptPath = path("script");
@@ -69,13 +80,16 @@ class ToolProcess {
             const int out = ::open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
             const int err = ::open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
             ::dup2(out, STDOUT_FILENO);
-            ::dup2(err, STDERR_FILENO);
+            ::dup2(stdio.stderrFd >= 0 ? stdio.stderrFd : err, STDERR_FILENO);
+            for (int fd : stdio.closed) {
+                ::close(fd);
+            }
             // The test runner may block or ignore signals; the tool starts
             // with the defaults a shell would give it.
             sigset_t none;
             sigemptyset(&none);
             ::sigprocmask(SIG_SETMASK, &none, nullptr);
-            for (int signo : {SIGINT, SIGTERM, SIGUSR1}) {
+            for (int signo : {SIGINT, SIGTERM, SIGUSR1, SIGHUP, SIGPIPE}) {
                 ::signal(signo, SIG_DFL);
             }
             std::vector<char*> argv;
@@ -90,7 +104,8 @@ class ToolProcess {
 
     // Runs to the end; the exit status, or -1 after a kill at the time limit
     // (which only keeps a hung tool from hanging the test).
-    int run(const std::vector<std::string>& arguments, std::chrono::milliseconds limit = kHangGuard) {
+    int run(const std::vector<std::string>& arguments,
+            std::chrono::milliseconds limit = kHangGuard) {
         start(arguments);
         return wait(limit);
     }
@@ -125,6 +140,17 @@ class ToolProcess {
     bool waitUntilStopped() const {
         int status = 0;
         return ::waitpid(pid_, &status, WUNTRACED) == pid_ && WIFSTOPPED(status);
+    }
+    // Sends `signo` just after the tool went to sleep again, which an idle
+    // tool does at the start of each 0.5 s slice of its run loop: what the
+    // signal sets off then has the whole slice to be seen.
+    void signalInAFreshSlice(int signo) const {
+        const long before = sleeps();
+        const auto end = Clock::now() + std::chrono::milliseconds(2000);
+        while (sleeps() == before && Clock::now() < end) {
+            std::this_thread::sleep_for(std::chrono::microseconds(200));
+        }
+        signal(signo);
     }
     int termSignal() const { return termSignal_; }
 
@@ -162,6 +188,20 @@ class ToolProcess {
     }
 
   private:
+    // How often the tool has gone to sleep (voluntary context switches).
+    long sleeps() const {
+        std::ifstream status("/proc/" + std::to_string(pid_) + "/status");
+        std::string key;
+        long value = -1;
+        while (status >> key) {
+            if (key == "voluntary_ctxt_switches:") {
+                status >> value;
+                break;
+            }
+        }
+        return value;
+    }
+
     std::string dir_;
     pid_t pid_ = -1;
     bool exited_ = false;

@@ -1,0 +1,31 @@
+#pragma once
+
+// One tool at a time per profile: an exclusive flock(2) on a file under
+// /run, held from the first write of the profile until the process ends
+// (the kernel releases it then, also after a SIGKILL). The holder writes
+// its pid into the file, so a second instance can say whom it yields to.
+
+#include <string>
+
+namespace platform::strongswan {
+
+inline constexpr const char* kDefaultLockPath = "/run/orvane-ikev2.lock";
+
+class ProfileLock {
+  public:
+    explicit ProfileLock(std::string path = kDefaultLockPath);
+    ~ProfileLock();
+    ProfileLock(const ProfileLock&) = delete;
+    ProfileLock& operator=(const ProfileLock&) = delete;
+
+    // Takes the lock without waiting; true when this process holds it.
+    // False with `error` naming the holder when another process has it.
+    bool acquire(std::string& error);
+    bool held() const { return fd_ >= 0; }
+
+  private:
+    std::string path_;
+    int fd_ = -1;
+};
+
+}  // namespace platform::strongswan
