@@ -1,13 +1,16 @@
 // The timing claims of the run loop and the VICI client, on the steady
 // clock (the unit tests check the same behaviour on virtual time): how late
 // a timer, the end of a slice, a stop and a signal wake-up come, and how far
-// past their bound the VICI client's timeouts and bounded waits end. Each
-// iteration's figure is the lateness itself (manual time).
+// past their bound the VICI client's timeouts and bounded waits and the
+// terminal writer's flush end. Each iteration's figure is the lateness
+// itself (manual time).
 
+#include "log/TerminalWriter.h"
 #include "platform/RunLoop.h"
 #include "platform/strongswan/ViciClient.h"
 
 #include <benchmark/benchmark.h>
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -247,6 +250,34 @@ void ViciDrainQuiet(benchmark::State& state) {
     }
 }
 
+// A line for a terminal that reads nothing, flushed with a 20 ms limit: from
+// the limit to the return.
+void TerminalFlushLimit(benchmark::State& state) {
+    int fds[2];
+    if (::pipe2(fds, O_CLOEXEC) != 0) {
+        state.SkipWithError("pipe2");
+        return;
+    }
+    // Full to the last byte, then blocking again, as a controller hands it over.
+    ::fcntl(fds[1], F_SETFL, O_NONBLOCK);
+    const char byte = '.';
+    while (::write(fds[1], &byte, 1) == 1) {
+    }
+    ::fcntl(fds[1], F_SETFL, 0);
+    {
+        TerminalWriter writer(fds[1]);
+        Lateness lateness(state);
+        for (auto _ : state) {
+            writer.write("IKEv2 Disconnected\n");
+            const Clock::time_point limit = Clock::now() + 20ms;
+            writer.flush(20ms);
+            lateness.add(Clock::now() - limit);
+        }
+    }
+    ::close(fds[0]);
+    ::close(fds[1]);
+}
+
 constexpr int kIterations = 100;
 
 BENCHMARK(TimerLateness)->UseManualTime()->Iterations(kIterations)->Unit(benchmark::kMillisecond);
@@ -262,6 +293,10 @@ BENCHMARK(ViciSyncDeadline)
     ->Iterations(kIterations)
     ->Unit(benchmark::kMillisecond);
 BENCHMARK(ViciDrainQuiet)->UseManualTime()->Iterations(kIterations)->Unit(benchmark::kMillisecond);
+BENCHMARK(TerminalFlushLimit)
+    ->UseManualTime()
+    ->Iterations(kIterations)
+    ->Unit(benchmark::kMillisecond);
 
 }  // namespace
 

@@ -20,6 +20,7 @@ WHAT = {
     "ViciRequestTimeout": "VICI request unanswered, 20 ms timeout: the bound to the failed reply",
     "ViciSyncDeadline": "blocking VICI request unanswered, 20 ms deadline: the deadline to the return",
     "ViciDrainQuiet": "waiting for trailing events, 20 ms of quiet: its end to the return",
+    "TerminalFlushLimit": "terminal that reads nothing, flush with a 20 ms limit: the limit to the return",
 }
 # Targets for every measure, in milliseconds: the median and the largest.
 MEDIAN_MS, MAX_MS = 1.0, 50.0
