@@ -1,13 +1,16 @@
-// The signal wake-up of the run loop, the same on every OS: a pipe written
-// from the signal handler and read on the loop thread. The per-OS files
-// (platform/linux/, platform/macos/) turn the loop and watch the pipe.
+// What the run loop does the same on every OS: the signal wake-up (a pipe
+// written from the signal handler and read on the loop thread) and runs
+// under virtual time. The per-OS files (platform/linux/, platform/macos/)
+// turn the loop and watch the pipe.
 
 #include "platform/RunLoop.h"
 
 #include "os/Pipe.h"
 
 #include <unistd.h>
+#include <algorithm>
 #include <cerrno>
+#include <thread>
 
 namespace platform {
 
@@ -62,6 +65,20 @@ void RunLoop::deliverPendingSignals() {
             if (watch.handler) {
                 watch.handler(signals[i]);
             }
+        }
+    }
+}
+
+void RunLoop::runVirtualUntil(Clock::time_point deadline) {
+    while (runReady() && Clock::now() < deadline) {
+        if (const auto next = VirtualTime::nextDue()) {
+            VirtualTime::advanceTo(std::min(*next, deadline));
+        } else if (deadline != Clock::time_point::max()) {
+            VirtualTime::advanceTo(deadline);
+        } else {
+            // Nothing will fall due: only another thread or a descriptor can
+            // bring work, and that takes real time.
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
     }
 }

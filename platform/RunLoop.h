@@ -5,6 +5,10 @@
 // implementation per OS, chosen by the build: Asio on Linux (the backend
 // reaches its io_context through platform/linux/IoContext.h), the main
 // CFRunLoop and the main dispatch queue on macOS. This header shows neither.
+// Time is the loop's clock (platform/LoopClock.h), virtual in tests that
+// set it going.
+
+#include "platform/LoopClock.h"
 
 #include <chrono>
 #include <functional>
@@ -13,13 +17,15 @@ namespace platform {
 
 class RunLoop {
   public:
-    using Clock = std::chrono::steady_clock;
+    using Clock = LoopClock;
 
     // The process's main run loop.
     static RunLoop& main();
 
     // Runs handlers until `deadline` has passed or `stop()` was called,
-    // whichever comes first (NSRunLoop's runUntilDate:).
+    // whichever comes first (NSRunLoop's runUntilDate:). Under virtual time
+    // a run takes no real time: whenever nothing is ready, the clock moves on
+    // to the next timer or to the deadline.
     void runUntil(Clock::time_point deadline);
     // Runs handlers until `stop()` is called (NSRunLoop's run).
     void run();
@@ -55,6 +61,11 @@ class RunLoop {
     RunLoop() = default;
     // Makes the loop call deliverPendingSignals whenever `fd` is readable.
     void watchReadable(int fd);
+    // Runs the handlers that are ready, without waiting; false once the
+    // loop has been stopped.
+    bool runReady();
+    // A run under virtual time, after the per-OS start of runUntil.
+    void runVirtualUntil(Clock::time_point deadline);
 };
 
 }  // namespace platform

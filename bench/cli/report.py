@@ -4,8 +4,11 @@ Benchmark's JSON output: time per size, the complexity fit, and the targets.
     python3 bench/cli/report.py RESULTS.json BENCHMARKS.md
 """
 import json
-import re
+import os
 import sys
+
+sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+from section import write_section  # noqa: E402
 
 BEGIN, END = "<!-- cli:begin -->", "<!-- cli:end -->"
 WHAT = {
@@ -39,7 +42,7 @@ def main():
         elif arg:
             rows.setdefault(base, []).append((int(arg), to_ms(b["real_time"], b["time_unit"])))
 
-    out = [BEGIN, "## Command-line layer (bench/cli)", ""]
+    out = ["## Command-line layer (bench/cli)", ""]
     out.append("{}; {} x {} MHz; Google Benchmark, release build. Wall time per call, "
                "and the complexity Google Benchmark fits over the sizes.".format(
                    ctx["date"], ctx["num_cpus"], ctx["mhz_per_cpu"]))
@@ -66,20 +69,8 @@ def main():
         out.append("")
         out.append("The values report fits N log N: each of its rows looks its option up "
                    "in every level's storage, a sorted map of N keys.")
-    out.append(END)
 
-    path = sys.argv[2]
-    try:
-        text = open(path).read()
-    except FileNotFoundError:
-        text = "# Benchmarks\n"
-    section = "\n".join(out)
-    if BEGIN in text and END in text:
-        text = re.sub(re.escape(BEGIN) + ".*?" + re.escape(END), lambda _: section, text, flags=re.S)
-    else:
-        text = text.rstrip("\n") + "\n\n" + section + "\n"
-    open(path, "w").write(text)
-
+    write_section(sys.argv[2], BEGIN, END, out)
 
 if __name__ == "__main__":
     main()

@@ -3,11 +3,11 @@
 #include "platform/RunLoop.h"
 
 #include "platform/linux/IoContext.h"
+#include "platform/linux/LoopTimer.h"
 
 #include <asio/executor_work_guard.hpp>
 #include <asio/posix/stream_descriptor.hpp>
 #include <asio/post.hpp>
-#include <asio/steady_timer.hpp>
 
 #include <fcntl.h>
 #include <memory>
@@ -39,14 +39,12 @@ void armSignalWait(RunLoop& loop) {
 
 asio::io_context& mainIoContext() {
     // Never destroyed: exit() may be called from inside one of its handlers.
-    static asio::io_context* context = [] {
-        auto* made = new asio::io_context;
-        // Keeps the loop waiting for the end of a slice even when nothing is
-        // queued, so that slices last as long as they were asked to.
+    static auto* context = new asio::io_context;
+    // Keeps the loop waiting for the end of a slice even when nothing is
+    // queued, so that slices last as long as they were asked to.
+    [[maybe_unused]] static auto* keepWaiting =
         new asio::executor_work_guard<asio::io_context::executor_type>(
-            asio::make_work_guard(*made));
-        return made;
-    }();
+            asio::make_work_guard(*context));
     return *context;
 }
 
@@ -62,6 +60,10 @@ void RunLoop::runUntil(Clock::time_point deadline) {
     if (context.stopped()) {
         return;
     }
+    if (VirtualTime::active()) {
+        runVirtualUntil(deadline);
+        return;
+    }
     context.run_until(deadline);
 }
 
@@ -72,7 +74,17 @@ void RunLoop::run() {
     if (context.stopped()) {
         return;
     }
+    if (VirtualTime::active()) {
+        runVirtualUntil(Clock::time_point::max());
+        return;
+    }
     context.run();
+}
+
+bool RunLoop::runReady() {
+    asio::io_context& context = mainIoContext();
+    context.poll();
+    return !context.stopped();
 }
 
 void RunLoop::stop() {
@@ -80,7 +92,8 @@ void RunLoop::stop() {
 }
 
 void RunLoop::dispatchAfter(std::chrono::nanoseconds delay, std::function<void()> block) {
-    auto timer = std::make_shared<asio::steady_timer>(mainIoContext(), delay);
+    auto timer = std::make_shared<LoopTimer>(mainIoContext());
+    timer->expires_after(std::chrono::duration_cast<Clock::duration>(delay));
     timer->async_wait([timer, block = std::move(block)](const asio::error_code& error) {
         if (!error) {
             block();

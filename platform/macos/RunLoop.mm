@@ -45,6 +45,10 @@ RunLoop& RunLoop::main() {
 void RunLoop::runUntil(Clock::time_point deadline) {
     stopRequested = false;
     deliverPendingSignals();
+    if (VirtualTime::active()) {
+        runVirtualUntil(deadline);
+        return;
+    }
     while (!stopRequested) {
         const Clock::duration left = deadline - Clock::now();
         if (left <= Clock::duration::zero()) {
@@ -65,6 +69,15 @@ void RunLoop::run() {
     runUntil(Clock::time_point::max());
 }
 
+bool RunLoop::runReady() {
+    // A zero timeout serves what is ready, the main queue included, once per
+    // call; blocks queued meanwhile need another.
+    while (!stopRequested &&
+           CFRunLoopRunInMode(kCFRunLoopDefaultMode, 0, true) == kCFRunLoopRunHandledSource) {
+    }
+    return !stopRequested;
+}
+
 void RunLoop::stop() {
     stopRequested = true;
     CFRunLoopStop(CFRunLoopGetMain());
@@ -72,6 +85,17 @@ void RunLoop::stop() {
 
 void RunLoop::dispatchAfter(std::chrono::nanoseconds delay, std::function<void()> block) {
     auto queued = std::make_shared<std::function<void()>>(std::move(block));
+    if (VirtualTime::active()) {
+        VirtualTime::schedule(Clock::now() + std::chrono::duration_cast<Clock::duration>(delay),
+                              [queued](bool expired) {
+                                  if (expired) {
+                                      dispatch_async(dispatch_get_main_queue(), ^{
+                                        runQueued(queued);
+                                      });
+                                  }
+                              });
+        return;
+    }
     dispatch_after(dispatch_time(DISPATCH_TIME_NOW, delay.count()), dispatch_get_main_queue(), ^{
       runQueued(queued);
     });

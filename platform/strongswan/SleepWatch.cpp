@@ -1,6 +1,7 @@
 #include "platform/strongswan/SleepWatch.h"
 
 #include "log/DDLog.h"
+#include "platform/linux/LoopTimer.h"
 
 #include <systemd/sd-bus.h>
 #include <asio/posix/stream_descriptor.hpp>
@@ -170,7 +171,7 @@ struct SleepWatch::Connection : std::enable_shared_from_this<Connection> {
     int lockFd = -1;
     asio::posix::stream_descriptor socket;
     asio::steady_timer timer;
-    asio::steady_timer releaseTimer;
+    LoopTimer releaseTimer;
     bool readArmed = false;
     bool writeArmed = false;
 };

@@ -460,10 +460,10 @@ std::string StrongSwanConnection::lastDisconnectError(
     std::optional<SystemClock::time_point> since) {
     // Log lines can trail the down event: give them a bounded time, and stop
     // early once a reason is known and the stream has gone quiet.
-    auto deadline = std::chrono::steady_clock::now() + options_.lateLogLimit;
+    auto deadline = LoopClock::now() + options_.lateLogLimit;
     while (events_ && events_->isOpen()) {
         auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-            deadline - std::chrono::steady_clock::now());
+            deadline - LoopClock::now());
         if (left.count() <= 0) {
             break;
         }

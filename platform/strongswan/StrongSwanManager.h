@@ -27,7 +27,6 @@
 #include "platform/strongswan/ViciClient.h"
 
 #include <asio/io_context.hpp>
-#include <asio/steady_timer.hpp>
 
 #include <chrono>
 #include <functional>
@@ -136,7 +135,7 @@ private:
     StatusTracker tracker_;
     DisconnectLog log_;
     SystemTrust trust_;
-    asio::steady_timer pollTimer_;
+    LoopTimer pollTimer_;
     bool pollScheduled_ = false;
     bool pollInFlight_ = false;
     bool pollSawTunnel_ = false;

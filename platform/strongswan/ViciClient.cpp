@@ -12,12 +12,45 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <cstdint>
 #include <cstring>
 #include <ctime>
 
 namespace platform::strongswan {
+
+namespace {
+
+// What a bounded wait on a socket waits for. It matters under virtual time
+// only (platform/LoopClock.h).
+enum class Until {
+    Answer,    // the daemon's answer or its reading: the clock is left to others
+    Deadline,  // the end of a span of time: with nothing to read, the clock moves there
+};
+
+// poll(2) on one descriptor until `deadline` on the loop's clock.
+int pollUntil(pollfd& pfd, LoopClock::time_point deadline, Until until) {
+    if (!VirtualTime::active()) {
+        const auto left =
+            std::chrono::ceil<std::chrono::milliseconds>(deadline - LoopClock::now()).count();
+        return ::poll(&pfd, 1, static_cast<int>(std::clamp<decltype(left)>(left, 0, INT_MAX)));
+    }
+    for (;;) {
+        // The clock first: what arrived before it passed the deadline is taken.
+        const bool due = LoopClock::now() >= deadline;
+        const int ready = ::poll(&pfd, 1, due || until == Until::Deadline ? 0 : 1);
+        if (ready != 0 || due) {
+            return ready;
+        }
+        if (until == Until::Deadline) {
+            VirtualTime::advanceTo(deadline);
+            return 0;
+        }
+    }
+}
+
+}  // namespace
 
 bool ViciReply::succeeded() const {
     return ok() && message.get("success") == "yes";
@@ -295,18 +328,12 @@ void ViciClient::drain(std::chrono::milliseconds limit, std::chrono::millisecond
     auto deadline = start + limit;
     auto lastData = start;
     while (open_) {
-        auto now = Clock::now();
         auto until = std::min(deadline, lastData + quiet);
-        if (now >= until) {
+        if (Clock::now() >= until) {
             return;
         }
-        auto wait = std::chrono::duration_cast<std::chrono::milliseconds>(until - now).count();
         pollfd pfd{socket_.native_handle(), POLLIN, 0};
-        int ready = ::poll(&pfd, 1, static_cast<int>(wait) + 1);
-        if (ready < 0 && errno == EINTR) {
-            continue;
-        }
-        if (ready <= 0) {
+        if (pollUntil(pfd, until, Until::Deadline) <= 0) {
             continue;
         }
         if (readNow() == ReadResult::Data) {
@@ -353,23 +380,12 @@ bool ViciSyncClient::connect(std::string& error) {
     return true;
 }
 
-namespace {
-
-int millisecondsUntil(ViciSyncClient::Clock::time_point deadline) {
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                    deadline - ViciSyncClient::Clock::now())
-                    .count();
-    return left < 0 ? 0 : static_cast<int>(left);
-}
-
-}  // namespace
-
 bool ViciSyncClient::writeAll(const std::string& frame, Clock::time_point deadline,
                               std::string& error) {
     std::size_t written = 0;
     while (written < frame.size()) {
         pollfd pfd{fd_, POLLOUT, 0};
-        int ready = ::poll(&pfd, 1, millisecondsUntil(deadline));
+        int ready = pollUntil(pfd, deadline, Until::Answer);
         if (ready < 0 && errno == EINTR) {
             continue;
         }
@@ -573,7 +589,7 @@ ViciReply ViciSyncClient::exchange(ViciPacketType type, const std::string& name,
             return reply;
         }
         pollfd pfd{fd_, POLLIN, 0};
-        int ready = ::poll(&pfd, 1, millisecondsUntil(deadline));
+        int ready = pollUntil(pfd, deadline, Until::Answer);
         if (ready < 0 && errno == EINTR) {
             continue;
         }

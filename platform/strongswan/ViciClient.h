@@ -11,13 +11,16 @@
 // ViciSyncClient is a blocking connection of its own for the few calls that
 // must have gone out (or come back) before the caller returns; every wait
 // on it is bounded.
+//
+// Timeouts and deadlines are on the loop's clock (platform/LoopClock.h).
 
 #include "os/Memory.h"
+#include "platform/LoopClock.h"
+#include "platform/linux/LoopTimer.h"
 #include "platform/strongswan/ViciMessage.h"
 
 #include <asio/io_context.hpp>
 #include <asio/local/stream_protocol.hpp>
-#include <asio/steady_timer.hpp>
 
 #include <array>
 #include <chrono>
@@ -60,7 +63,7 @@ using ViciClosedHandler = std::function<void(const std::string& reason)>;
 
 class ViciClient : public std::enable_shared_from_this<ViciClient> {
 public:
-    using Clock = std::chrono::steady_clock;
+    using Clock = LoopClock;
     static constexpr std::chrono::milliseconds kDefaultTimeout{10000};
 
     static std::shared_ptr<ViciClient> create(asio::io_context& context, std::string socketPath);
@@ -127,7 +130,7 @@ private:
     asio::io_context& context_;
     std::string path_;
     asio::local::stream_protocol::socket socket_;
-    asio::steady_timer timer_;
+    LoopTimer timer_;
     std::array<char, 16384> readBuffer_{};
     ViciFrameReader reader_;
     std::deque<Operation> queue_;
@@ -140,7 +143,7 @@ private:
 
 class ViciSyncClient {
 public:
-    using Clock = std::chrono::steady_clock;
+    using Clock = LoopClock;
 
     explicit ViciSyncClient(std::string socketPath);
     ~ViciSyncClient();

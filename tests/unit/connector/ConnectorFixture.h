@@ -1,14 +1,16 @@
 #pragma once
 
 // Shared set-up of the connector tests: a fresh platform double, no status
-// observers, the default log level, the terminal sink added once, and
-// helpers that drive a connector through load, save and the queued start.
+// observers, the default log level, the terminal sink added once, virtual
+// time, and helpers that drive a connector through load, save and the
+// queued start.
 
 #include "connector/OVConnectorIKEv2.h"
 #include "log/DDLog.h"
 #include "platform/RunLoop.h"
 #include "tests/unit/double/ChildProcess.h"
 #include "tests/unit/double/PlatformDouble.h"
+#include "tests/unit/double/VirtualTimeScope.h"
 
 #include <gtest/gtest.h>
 
@@ -41,7 +43,7 @@ class ConnectorTest : public ::testing::Test {
                                                 platform::Secret("s3cret-pw"));
     }
 
-    // Runs the loop in short slices until `done` or the time is up.
+    // Runs the loop in short slices until `done` or the (virtual) time is up.
     template <typename Done>
     static bool runLoopUntil(Done done,
                              std::chrono::milliseconds limit = std::chrono::milliseconds(3000)) {
@@ -77,4 +79,6 @@ class ConnectorTest : public ::testing::Test {
             [&loop] { loop.notifyFork(ForkEvent::child); },
             [&loop] { loop.notifyFork(ForkEvent::parent); });
     }
+
+    testing_support::VirtualTimeScope virtualTime;
 };

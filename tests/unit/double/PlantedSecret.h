@@ -35,6 +35,18 @@
 
 namespace testing_support {
 
+// Why a search of this process's own memory cannot tell, or nothing. In an
+// unoptimized build the frames of the test and of the code under test keep
+// copies in stack slots that no wipe reaches, so the search is run on
+// optimized builds only.
+inline const char* ownMemoryUnsearchable() {
+#if defined(__OPTIMIZE__)
+    return nullptr;
+#else
+    return "an unoptimized build keeps copies in stack slots";
+#endif
+}
+
 // What one search found.
 struct MemoryScan {
     // False when the process's memory could not be read at all.

@@ -7,6 +7,7 @@
 #endif
 
 #include "tests/unit/double/ChildProcess.h"
+#include "tests/unit/double/VirtualTimeScope.h"
 
 #include <gtest/gtest.h>
 
@@ -22,9 +23,16 @@ using namespace std::chrono_literals;
 
 namespace {
 
-RunLoop::Clock::duration elapsedSince(RunLoop::Clock::time_point start) {
-    return RunLoop::Clock::now() - start;
-}
+// Under virtual time: the loop's timings are exact, and a run takes no real
+// time.
+class RunLoopTest : public ::testing::Test {
+  protected:
+    RunLoop::Clock::duration elapsed() const { return RunLoop::Clock::now() - start; }
+
+    testing_support::VirtualTimeScope virtualTime;
+    RunLoop& loop = RunLoop::main();
+    const RunLoop::Clock::time_point start = RunLoop::Clock::now();
+};
 
 void wakeHandler(int signo) {
     RunLoop::wakeForSignal(signo);
@@ -38,101 +46,100 @@ void installWakeHandler(int signo) {
     ASSERT_EQ(::sigaction(signo, &action, nullptr), 0);
 }
 
+// Runs slices of the (real-time) loop until `done`; the limit only keeps a
+// broken loop from hanging the test.
+template <typename Done>
+bool runSlicesUntil(Done done) {
+    const auto giveUp = RunLoop::Clock::now() + 60s;
+    while (!done() && RunLoop::Clock::now() < giveUp) {
+        RunLoop::main().runUntil(RunLoop::Clock::now() + 10ms);
+    }
+    return done();
+}
+
 }  // namespace
 
-TEST(RunLoopTest, SliceWithNothingQueuedLastsUntilItsDeadline) {
-    const auto start = RunLoop::Clock::now();
-    RunLoop::main().runUntil(start + 120ms);
-    const auto elapsed = elapsedSince(start);
-    EXPECT_GE(elapsed, 120ms);
-    EXPECT_LT(elapsed, 600ms);
+TEST_F(RunLoopTest, SliceWithNothingQueuedLastsUntilItsDeadline) {
+    loop.runUntil(start + 120ms);
+    EXPECT_EQ(elapsed(), 120ms);
 }
 
-TEST(RunLoopTest, StopEndsTheSliceEarly) {
-    auto& loop = RunLoop::main();
-    const auto start = RunLoop::Clock::now();
-    loop.dispatchAfter(30ms, [&loop] { loop.stop(); });
+TEST_F(RunLoopTest, StopEndsTheSliceEarly) {
+    loop.dispatchAfter(30ms, [this] { loop.stop(); });
     loop.runUntil(start + 5s);
-    const auto elapsed = elapsedSince(start);
-    EXPECT_GE(elapsed, 30ms);
-    EXPECT_LT(elapsed, 1s);
+    EXPECT_EQ(elapsed(), 30ms);
 }
 
-TEST(RunLoopTest, NextSliceRunsNormallyAfterAStop) {
-    auto& loop = RunLoop::main();
-    loop.post([&loop] { loop.stop(); });
-    loop.runUntil(RunLoop::Clock::now() + 5s);
-    bool ran = false;
-    loop.dispatchAfter(10ms, [&ran] { ran = true; });
-    const auto start = RunLoop::Clock::now();
+TEST_F(RunLoopTest, NextSliceRunsNormallyAfterAStop) {
+    loop.post([this] { loop.stop(); });
+    loop.runUntil(start + 5s);
+    EXPECT_EQ(elapsed(), 0ms);
+    RunLoop::Clock::duration ranAt{-1};
+    loop.dispatchAfter(10ms, [&] { ranAt = elapsed(); });
     loop.runUntil(start + 100ms);
-    EXPECT_TRUE(ran);
-    EXPECT_GE(elapsedSince(start), 100ms);
+    EXPECT_EQ(ranAt, 10ms);
+    EXPECT_EQ(elapsed(), 100ms);
 }
 
-TEST(RunLoopTest, DispatchAfterRunsBlocksInOrderOfTheirDueTimes) {
-    auto& loop = RunLoop::main();
-    std::vector<std::string> order;
-    loop.dispatchAfter(60ms, [&order] { order.push_back("late"); });
-    loop.dispatchAfter(20ms, [&order] { order.push_back("early"); });
-    loop.dispatchAfter(40ms, [&order] { order.push_back("middle"); });
-    loop.post([&order] { order.push_back("posted"); });
-    loop.runUntil(RunLoop::Clock::now() + 200ms);
-    EXPECT_EQ(order, (std::vector<std::string>{"posted", "early", "middle", "late"}));
+TEST_F(RunLoopTest, DispatchAfterRunsBlocksInOrderOfTheirDueTimes) {
+    std::vector<std::pair<std::string, RunLoop::Clock::duration>> order;
+    loop.dispatchAfter(60ms, [&] { order.emplace_back("late", elapsed()); });
+    loop.dispatchAfter(20ms, [&] { order.emplace_back("early", elapsed()); });
+    loop.dispatchAfter(40ms, [&] { order.emplace_back("middle", elapsed()); });
+    loop.post([&] { order.emplace_back("posted", elapsed()); });
+    loop.runUntil(start + 200ms);
+    EXPECT_EQ(order, (std::vector<std::pair<std::string, RunLoop::Clock::duration>>{
+                         {"posted", 0ms}, {"early", 20ms}, {"middle", 40ms}, {"late", 60ms}}));
 }
 
-TEST(RunLoopTest, DispatchAfterNeverRunsBeforeItsDelay) {
-    auto& loop = RunLoop::main();
-    const auto start = RunLoop::Clock::now();
-    RunLoop::Clock::time_point ranAt{};
-    loop.dispatchAfter(500ms, [&ranAt] { ranAt = RunLoop::Clock::now(); });
-    loop.runUntil(start + 250ms);
-    EXPECT_EQ(ranAt, RunLoop::Clock::time_point{});
+TEST_F(RunLoopTest, DispatchAfterRunsOnceItsDelayHasPassedAndNotBefore) {
+    RunLoop::Clock::duration ranAt{-1};
+    loop.dispatchAfter(500ms, [&] { ranAt = elapsed(); });
+    loop.runUntil(start + 499ms);
+    EXPECT_EQ(ranAt, RunLoop::Clock::duration{-1});
     loop.runUntil(start + 800ms);
-    ASSERT_NE(ranAt, RunLoop::Clock::time_point{});
-    EXPECT_GE(ranAt - start, 500ms);
-    EXPECT_LT(ranAt - start, 800ms);
+    EXPECT_EQ(ranAt, 500ms);
 }
 
-TEST(RunLoopTest, RunLastsUntilStop) {
-    auto& loop = RunLoop::main();
-    const auto start = RunLoop::Clock::now();
-    loop.dispatchAfter(80ms, [&loop] { loop.stop(); });
+TEST_F(RunLoopTest, RunLastsUntilStop) {
+    loop.dispatchAfter(80ms, [this] { loop.stop(); });
     loop.run();
-    EXPECT_GE(elapsedSince(start), 80ms);
+    EXPECT_EQ(elapsed(), 80ms);
 }
 
-TEST(RunLoopTest, SignalWakeUpDeliversOnTheLoopThreadAtOnce) {
-    auto& loop = RunLoop::main();
+TEST_F(RunLoopTest, RunWaitsForWorkFromAnotherThreadWhenNoTimerIsSet) {
+    std::thread poster([this] {
+        std::this_thread::sleep_for(20ms);
+        loop.post([this] { loop.stop(); });
+    });
+    loop.run();
+    poster.join();
+    EXPECT_EQ(elapsed(), 0ms);
+}
+
+TEST_F(RunLoopTest, SignalWakeUpDeliversOnTheLoopThreadAtOnce) {
     installWakeHandler(SIGUSR1);
     std::vector<int> received;
     std::thread::id handlerThread;
-    RunLoop::Clock::time_point deliveredAt{};
+    RunLoop::Clock::duration deliveredAt{-1};
     loop.watchSignals([&](int signo) {
         received.push_back(signo);
         handlerThread = std::this_thread::get_id();
-        deliveredAt = RunLoop::Clock::now();
+        deliveredAt = elapsed();
         loop.stop();
     });
-    RunLoop::Clock::time_point raisedAt{};
-    // raise() in another thread: the signal handler runs on that thread,
-    // off the loop thread, as a signal taken by any thread of the process.
-    std::thread sender([&raisedAt] {
-        std::this_thread::sleep_for(100ms);
-        raisedAt = RunLoop::Clock::now();
-        std::raise(SIGUSR1);
-    });
-    const auto start = RunLoop::Clock::now();
+    // raise() in another thread, 100 ms into the slice: the signal handler
+    // runs on that thread, off the loop thread, as a signal taken by any
+    // thread of the process.
+    loop.dispatchAfter(100ms, [] { std::thread([] { std::raise(SIGUSR1); }).join(); });
     loop.runUntil(start + 5s);
-    sender.join();
     EXPECT_EQ(received, std::vector<int>{SIGUSR1});
     EXPECT_EQ(handlerThread, std::this_thread::get_id());
-    EXPECT_LT(deliveredAt - raisedAt, 250ms);
-    EXPECT_LT(elapsedSince(start), 1s);
+    EXPECT_EQ(deliveredAt, 100ms);
+    EXPECT_EQ(elapsed(), 100ms) << "the slice ends when the handler stops it";
 }
 
-TEST(RunLoopTest, SignalTakenBetweenSlicesIsHandledBeforeAnythingQueued) {
-    auto& loop = RunLoop::main();
+TEST_F(RunLoopTest, SignalTakenBetweenSlicesIsHandledBeforeAnythingQueued) {
     installWakeHandler(SIGUSR2);
     std::vector<std::string> order;
     loop.watchSignals([&](int signo) {
@@ -141,14 +148,14 @@ TEST(RunLoopTest, SignalTakenBetweenSlicesIsHandledBeforeAnythingQueued) {
     });
     loop.post([&order] { order.push_back("posted"); });
     std::raise(SIGUSR2);
-    loop.runUntil(RunLoop::Clock::now() + 2s);
+    loop.runUntil(start + 2s);
     ASSERT_EQ(order, std::vector<std::string>{"signal " + std::to_string(SIGUSR2)});
-    loop.runUntil(RunLoop::Clock::now() + 50ms);
+    EXPECT_EQ(elapsed(), 0ms);
+    loop.runUntil(start + 50ms);
     EXPECT_EQ(order.back(), "posted");
 }
 
-TEST(RunLoopTest, DeliverPendingSignalsCallsTheHandlerOncePerSignal) {
-    auto& loop = RunLoop::main();
+TEST_F(RunLoopTest, DeliverPendingSignalsCallsTheHandlerOncePerSignal) {
     installWakeHandler(SIGUSR1);
     installWakeHandler(SIGTERM);
     std::vector<int> received;
@@ -164,16 +171,15 @@ TEST(RunLoopTest, DeliverPendingSignalsCallsTheHandlerOncePerSignal) {
     ::signal(SIGTERM, SIG_DFL);
 }
 
-TEST(RunLoopTest, WakeForSignalKeepsErrno) {
-    RunLoop::main().watchSignals([](int) {});
+TEST_F(RunLoopTest, WakeForSignalKeepsErrno) {
+    loop.watchSignals([](int) {});
     errno = ERANGE;
     RunLoop::wakeForSignal(SIGUSR1);
     EXPECT_EQ(errno, ERANGE);
-    RunLoop::main().deliverPendingSignals();
+    loop.deliverPendingSignals();
 }
 
-TEST(RunLoopTest, SignalsWokenInABurstAreAllDelivered) {
-    auto& loop = RunLoop::main();
+TEST_F(RunLoopTest, SignalsWokenInABurstAreAllDelivered) {
     std::vector<int> received;
     loop.watchSignals([&](int signo) { received.push_back(signo); });
     for (int i = 0; i < 1000; ++i) {
@@ -185,8 +191,7 @@ TEST(RunLoopTest, SignalsWokenInABurstAreAllDelivered) {
     EXPECT_EQ(received.back(), SIGTERM);
 }
 
-TEST(RunLoopTest, WakeForSignalNeverBlocksWhenNothingReadsThePipe) {
-    auto& loop = RunLoop::main();
+TEST_F(RunLoopTest, WakeForSignalNeverBlocksWhenNothingReadsThePipe) {
     std::size_t delivered = 0;
     loop.watchSignals([&delivered](int) { ++delivered; });
     // Far more wake-ups than a pipe holds: the surplus is dropped, and the
@@ -203,25 +208,25 @@ TEST(RunLoopTest, WakeForSignalNeverBlocksWhenNothingReadsThePipe) {
     EXPECT_EQ(delivered, before + 1);
 }
 
-TEST(RunLoopTest, AForkedChildTurnsItsOwnLoopAndTheParentsKeepsWorking) {
+// On the steady clock: this is about the loop's kernel objects (its epoll
+// and timer descriptors), which a forked child must not share.
+TEST(RunLoopForkTest, AForkedChildTurnsItsOwnLoopAndTheParentsKeepsWorking) {
     using ForkEvent = RunLoop::ForkEvent;
     auto& loop = RunLoop::main();
     bool parentRan = false;
     loop.dispatchAfter(50ms, [&parentRan] { parentRan = true; });
-    // The child runs past the parent's timer too (its copy fires there), so
-    // a loop sharing the parent's kernel objects would leave the parent's
-    // timer unarmed.
+    // The child runs until the parent's timer has fired too (its copy fires
+    // there), so a loop sharing the parent's kernel objects would leave the
+    // parent's timer unarmed.
     const auto child = testing_support::runInChild(
-        [&loop] {
+        [&loop, &parentRan] {
             bool childRan = false;
             loop.dispatchAfter(20ms, [&childRan] { childRan = true; });
-            loop.runUntil(RunLoop::Clock::now() + 150ms);
-            std::exit(childRan ? 0 : 3);
+            std::exit(runSlicesUntil([&] { return childRan && parentRan; }) ? 0 : 3);
         },
         [&loop] { loop.notifyFork(ForkEvent::prepare); },
         [&loop] { loop.notifyFork(ForkEvent::child); },
         [&loop] { loop.notifyFork(ForkEvent::parent); });
     EXPECT_EQ(child.exitStatus, 0);
-    loop.runUntil(RunLoop::Clock::now() + 400ms);
-    EXPECT_TRUE(parentRan);
+    EXPECT_TRUE(runSlicesUntil([&] { return parentRan; }));
 }

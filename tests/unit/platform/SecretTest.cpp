@@ -17,11 +17,12 @@ namespace {
 
 // The memory of this process, searched for the planted password; skips the
 // test where that memory cannot be read.
-#define EXPECT_NOT_IN_MEMORY(planted)                                               \
-    do {                                                                            \
-        const auto scan = (planted).scan();                                         \
-        if (!scan.readable) GTEST_SKIP() << "this process's memory cannot be read"; \
-        EXPECT_EQ(scan.hits, 0u) << scan.describe();                                \
+#define EXPECT_NOT_IN_MEMORY(planted)                                                        \
+    do {                                                                                     \
+        if (const char* why = testing_support::ownMemoryUnsearchable()) GTEST_SKIP() << why; \
+        const auto scan = (planted).scan();                                                  \
+        if (!scan.readable) GTEST_SKIP() << "this process's memory cannot be read";          \
+        EXPECT_EQ(scan.hits, 0u) << scan.describe();                                         \
     } while (0)
 
 }  // namespace

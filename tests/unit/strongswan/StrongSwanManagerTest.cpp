@@ -2,6 +2,7 @@
 
 #include "platform/strongswan/InterfaceLookup.h"
 #include "platform/strongswan/ViciProfile.h"
+#include "tests/unit/double/VirtualTimeScope.h"
 #include "tests/unit/strongswan/FakeCharon.h"
 #include "tests/unit/strongswan/LogCapture.h"
 #include "tests/unit/strongswan/PrivateLogind.h"
@@ -13,8 +14,10 @@
 #include <sys/stat.h>
 
 #include <atomic>
+#include <memory>
 #include <filesystem>
 #include <fstream>
+#include <map>
 
 namespace ss = platform::strongswan;
 namespace fs = std::filesystem;
@@ -22,8 +25,10 @@ using fakecharon::FakeCharon;
 using fakecharon::Link;
 using fakecharon::logLine;
 using fakecharon::updown;
+using platform::LoopClock;
 using platform::NEVPNStatus;
 using platform::Secret;
+using platform::VirtualTime;
 using ss::ViciEntry;
 using ss::ViciPacketType;
 using ss::ViciSection;
@@ -49,6 +54,8 @@ ViciSection success(bool ok = true, const std::string& errmsg = {}) {
 // What the scripted charon holds.
 struct CharonState {
     std::mutex mutex;
+    // Answers given, by command, for the commands the tests wait on.
+    std::map<std::string, std::size_t> answered;
     bool saPresent = false;
     std::vector<std::string> vips;
     std::vector<std::string> conns{"Orvane IKEv2"};
@@ -56,6 +63,9 @@ struct CharonState {
     ViciSection initiateAnswer = success();
 };
 
+// Under virtual time: the backend's checks, timeouts and bounded waits
+// happen when the test (or the fake charon, sitting on a request) moves the
+// clock.
 class StrongSwanManagerTest : public ::testing::Test {
   protected:
     void SetUp() override {
@@ -87,6 +97,7 @@ class StrongSwanManagerTest : public ::testing::Test {
                 state.saPresent = true;
             }
             link.respond(state.initiateAnswer);
+            ++state.answered["initiate"];
         });
         server.on("terminate", [this](Link& link, const ViciSection&) {
             std::lock_guard lock(state.mutex);
@@ -101,6 +112,7 @@ class StrongSwanManagerTest : public ::testing::Test {
                 link.event("list-sa", sa);
             }
             link.respond({});
+            ++state.answered["list-sas"];
         });
         server.on("list-conns", [this](Link& link, const ViciSection&) {
             std::lock_guard lock(state.mutex);
@@ -133,7 +145,10 @@ class StrongSwanManagerTest : public ::testing::Test {
         return *manager;
     }
 
-    bool runUntil(const std::function<bool()>& done, std::chrono::milliseconds limit = 3000ms) {
+    // Turns the io_context until `done`, which waits on the fake daemon's
+    // thread; the default limit only keeps a broken backend from hanging the
+    // test.
+    bool runUntil(const std::function<bool()>& done, std::chrono::milliseconds limit = 60s) {
         return testio::runUntil(io, done, limit);
     }
 
@@ -168,6 +183,23 @@ class StrongSwanManagerTest : public ::testing::Test {
         return since;
     }
 
+    // Waits until charon has answered `count` requests of `command` in all,
+    // then lets the backend take the answers.
+    void waitAnswered(const std::string& command, std::size_t count) {
+        ASSERT_TRUE(runUntil([&] {
+            std::lock_guard lock(state.mutex);
+            return state.answered[command] >= count;
+        })) << command;
+        io.restart();
+        io.poll();
+    }
+    // Moves the clock on, then runs what fell due.
+    void advance(LoopClock::duration by) {
+        VirtualTime::advance(by);
+        io.restart();
+        io.poll();
+    }
+
     void startAndConnect() {
         auto error = manager->connection()->startVPNTunnel({"alice", Secret(kPassword)});
         ASSERT_FALSE(error.has_value()) << error->description;
@@ -181,9 +213,11 @@ class StrongSwanManagerTest : public ::testing::Test {
         ASSERT_TRUE(runUntil([&] { return status() == platform::NEVPNStatusConnected; }));
     }
 
+    testing_support::VirtualTimeScope virtualTime;
     asio::io_context io;
-    FakeCharon server;
+    // Before the server, whose threads write it until they are joined.
     CharonState state;
+    FakeCharon server;
     fs::path root;
     fs::path prefs;
     std::unique_ptr<ss::StrongSwanManager> manager;
@@ -487,7 +521,7 @@ TEST_F(StrongSwanManagerTest, StartWithoutCharonEndsWithTheReasonThatItIsNotRunn
 }
 
 TEST_F(StrongSwanManagerTest, CharonThatDoesNotAnswerEndsTheStartWithThatReason) {
-    server.on("load-shared", [](Link&, const ViciSection&) {});
+    server.on("load-shared", [](Link&, const ViciSection&) { VirtualTime::advance(100ms); });
     make([](ss::StrongSwanOptions& o) { o.configTimeout = 100ms; });
     saveToolProfile();
     auto since = platform::SystemClock::now();
@@ -522,21 +556,24 @@ TEST_F(StrongSwanManagerTest, DownEventEndsTheTunnelAndLateLogLinesGiveTheReason
     manager->finish();
     ASSERT_EQ(server.requests("unload-shared").size(), unloads + 1);
     EXPECT_EQ(server.requests("unload-shared").back().message.get("id"), "orvane-ikev2-eap");
-    // charon's log line for it comes after the down event.
-    std::thread late([&] {
-        std::this_thread::sleep_for(60ms);
-        server.emit("log", logLine("received DELETE for IKE_SA Orvane IKEv2[1]"));
-        server.emit("log", logLine("IKE_SA deleted"));
-    });
+    // charon's log lines for it come after the down event.
+    server.emit("log", logLine("received DELETE for IKE_SA Orvane IKEv2[1]"));
+    server.emit("log", logLine("IKE_SA deleted"));
+    const auto asked = LoopClock::now();
     EXPECT_EQ(manager->lastDisconnectError(since), "deleted by peer");
-    late.join();
+    EXPECT_EQ(LoopClock::now() - asked, 50ms) << "a reason is known: the wait ends once quiet";
 }
 
-TEST_F(StrongSwanManagerTest, DownEventWithoutAReasonFromARunningCharonGivesNone) {
-    auto since = connectedSince();
+TEST_F(StrongSwanManagerTest, WithoutAReasonLateLogLinesAreWaitedForUpToTheirLimit) {
+    make();
+    saveToolProfile();
+    auto since = platform::SystemClock::now();
+    startAndConnect();
     server.emit("ike-updown", updown(kConn, false, "DELETING"));
     ASSERT_TRUE(runUntil([&] { return status() == platform::NEVPNStatusDisconnected; }));
+    const auto asked = LoopClock::now();
     EXPECT_EQ(manager->lastDisconnectError(since), "");
+    EXPECT_EQ(LoopClock::now() - asked, 300ms);
 }
 
 TEST_F(StrongSwanManagerTest, AuthenticationFailureGivesItsReason) {
@@ -560,7 +597,9 @@ TEST_F(StrongSwanManagerTest, TunnelThatVanishesWithoutAnEventIsDetected) {
     saveToolProfile();
     auto since = platform::SystemClock::now();
     ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", Secret(kPassword)}).has_value());
-    ASSERT_TRUE(runUntil([&] { return !server.requests("list-sas").empty(); }));
+    waitAnswered("initiate", 1);
+    advance(50ms);
+    waitAnswered("list-sas", 1);
     EXPECT_EQ(status(), platform::NEVPNStatusConnecting) << "still listed";
     server.emit("log", logLine("retransmit 2 of request with message ID 0"));
     server.emit("log", logLine("giving up after 2 retransmits"));
@@ -569,6 +608,10 @@ TEST_F(StrongSwanManagerTest, TunnelThatVanishesWithoutAnEventIsDetected) {
         state.saPresent = false;
     }
     server.emit("log", logLine("establishing IKE_SA failed, peer not responding"));
+    // That line asks for a check at once, not at the next regular one.
+    io.poll();
+    advance(20ms);
+    waitAnswered("list-sas", 2);
     ASSERT_TRUE(runUntil([&] { return status() == platform::NEVPNStatusDisconnected; }));
     EXPECT_EQ(manager->lastDisconnectError(since), "peer not responding");
     // Each change is notified once, from the loop.
@@ -582,8 +625,14 @@ TEST_F(StrongSwanManagerTest, SetupIsCheckedOftenButAConnectedTunnelOnlyAtTheSlo
     make([](ss::StrongSwanOptions& options) { options.establishedPollInterval = 1h; });
     saveToolProfile();
     ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", Secret(kPassword)}).has_value());
+    waitAnswered("initiate", 1);
     // While connecting, a setup that dies silently is looked for every 50 ms.
-    ASSERT_TRUE(runUntil([&] { return server.requests("list-sas").size() >= 3; }, 1000ms));
+    for (std::size_t check = 1; check <= 3; ++check) {
+        advance(49ms);
+        EXPECT_EQ(server.requests("list-sas").size(), check - 1);
+        advance(1ms);
+        waitAnswered("list-sas", check);
+    }
     {
         std::lock_guard lock(state.mutex);
         state.vips = {"127.0.0.1"};
@@ -591,10 +640,14 @@ TEST_F(StrongSwanManagerTest, SetupIsCheckedOftenButAConnectedTunnelOnlyAtTheSlo
     server.emit("ike-updown", updown(kConn, true, "ESTABLISHED", {"127.0.0.1"}));
     server.emit("child-updown", updown(kConn, true, "ESTABLISHED", {"127.0.0.1"}, true));
     ASSERT_TRUE(runUntil([&] { return status() == platform::NEVPNStatusConnected; }));
-    runUntil([] { return false; }, 100ms);  // a check already under way ends
-    const std::size_t checks = server.requests("list-sas").size();
-    runUntil([] { return false; }, 500ms);
-    EXPECT_EQ(server.requests("list-sas").size(), checks) << "an idle tunnel wakes nobody";
+    // The check set while connecting still comes; the next waits an hour.
+    advance(50ms);
+    waitAnswered("list-sas", 4);
+    advance(59min);
+    runUntil([] { return false; }, 50ms);
+    EXPECT_EQ(server.requests("list-sas").size(), 4u) << "an idle tunnel wakes nobody";
+    advance(1min);
+    waitAnswered("list-sas", 5);
     EXPECT_EQ(status(), platform::NEVPNStatusConnected);
 }
 
@@ -602,11 +655,17 @@ TEST_F(StrongSwanManagerTest, ConnectedTunnelThatVanishesIsFoundByTheSlowCheck) 
     make([](ss::StrongSwanOptions& options) { options.establishedPollInterval = 100ms; });
     saveToolProfile();
     startAndConnect();
+    advance(50ms);  // the check set while connecting
+    waitAnswered("list-sas", 1);
     {
         std::lock_guard lock(state.mutex);
         state.saPresent = false;
     }
-    EXPECT_TRUE(runUntil([&] { return status() == platform::NEVPNStatusDisconnected; }, 2000ms));
+    advance(99ms);
+    EXPECT_EQ(status(), platform::NEVPNStatusConnected);
+    advance(1ms);
+    waitAnswered("list-sas", 2);
+    EXPECT_TRUE(runUntil([&] { return status() == platform::NEVPNStatusDisconnected; }));
 }
 
 TEST_F(StrongSwanManagerTest, FailedInitiateEndsTheStart) {
@@ -656,13 +715,19 @@ TEST_F(StrongSwanManagerTest, AHungCharonHoldsTheStopOnlyBriefly) {
     make([](ss::StrongSwanOptions& o) { o.stopTimeout = 100ms; });
     saveToolProfile();
     startAndConnect();
+    // charon sits on every request; the first one's wait runs out meanwhile.
+    auto waitedOut = std::make_shared<std::atomic<bool>>(false);
     server.on("terminate", [](Link&, const ViciSection&) {});
-    server.on("unload-shared", [](Link&, const ViciSection&) {});
+    server.on("unload-shared", [waitedOut](Link&, const ViciSection&) {
+        if (!waitedOut->exchange(true)) {
+            VirtualTime::advance(100ms);
+        }
+    });
     std::size_t unloads = server.requests("unload-shared").size();
     std::size_t terminates = server.requests("terminate").size();
-    auto start = std::chrono::steady_clock::now();
+    auto start = LoopClock::now();
     manager->connection()->stopVPNTunnel();
-    EXPECT_LT(std::chrono::steady_clock::now() - start, 1000ms);
+    EXPECT_EQ(LoopClock::now() - start, 100ms);
     // Both go out again on a connection left open for charon to answer.
     EXPECT_TRUE(server.waitFor(
         [&] {
@@ -672,16 +737,16 @@ TEST_F(StrongSwanManagerTest, AHungCharonHoldsTheStopOnlyBriefly) {
         1000ms));
     EXPECT_EQ(status(), platform::NEVPNStatusDisconnecting);
     // A charon known not to answer is not waited for again at the end.
-    start = std::chrono::steady_clock::now();
+    start = LoopClock::now();
     manager->finish();
-    EXPECT_LT(std::chrono::steady_clock::now() - start, 50ms);
+    EXPECT_EQ(LoopClock::now() - start, 0ms);
 }
 
 TEST_F(StrongSwanManagerTest, TerminateThatHangsDoesNotKeepTheSecretLoaded) {
     make([](ss::StrongSwanOptions& o) { o.stopTimeout = 100ms; });
     saveToolProfile();
     startAndConnect();
-    server.on("terminate", [](Link&, const ViciSection&) {});
+    server.on("terminate", [](Link&, const ViciSection&) { VirtualTime::advance(100ms); });
     std::size_t unloads = server.requests("unload-shared").size();
     manager->connection()->stopVPNTunnel();
     EXPECT_EQ(server.requests("unload-shared").size(), unloads + 1);
@@ -690,7 +755,7 @@ TEST_F(StrongSwanManagerTest, TerminateThatHangsDoesNotKeepTheSecretLoaded) {
 }
 
 TEST_F(StrongSwanManagerTest, UnansweredLoadConnIsNoSaveError) {
-    server.on("load-conn", [](Link&, const ViciSection&) {});
+    server.on("load-conn", [](Link&, const ViciSection&) { VirtualTime::advance(100ms); });
     make([](ss::StrongSwanOptions& o) { o.configTimeout = 100ms; });
     saveToolProfile();
     EXPECT_FALSE(manager->connectionLoaded());
@@ -701,10 +766,12 @@ TEST_F(StrongSwanManagerTest, StopWhileConnectingEndsWithoutADownEvent) {
     make();
     saveToolProfile();
     ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", Secret(kPassword)}).has_value());
-    ASSERT_TRUE(runUntil([&] { return !server.requests("initiate").empty(); }));
-    runUntil([] { return false; }, 30ms);
+    waitAnswered("initiate", 1);
     manager->connection()->stopVPNTunnel();
     EXPECT_EQ(status(), platform::NEVPNStatusDisconnecting);
+    // A half-open IKE_SA ends without an event: it is looked for soon.
+    advance(20ms);
+    waitAnswered("list-sas", 1);
     ASSERT_TRUE(runUntil([&] { return status() == platform::NEVPNStatusDisconnected; }));
 }
 
@@ -1026,12 +1093,8 @@ TEST_F(StrongSwanManagerTest, CharonClosingRightAfterTheTunnelWentDownGivesTheRe
     auto since = connectedSince();
     server.emit("ike-updown", updown(kConn, false, "DELETING"));
     ASSERT_TRUE(runUntil([&] { return status() == platform::NEVPNStatusDisconnected; }));
-    std::thread closing([&] {
-        std::this_thread::sleep_for(20ms);
-        server.hangUpAll();
-    });
+    server.hangUpAll();
     EXPECT_EQ(manager->lastDisconnectError(since), "VPN service stopped");
-    closing.join();
 }
 
 TEST_F(StrongSwanManagerTest, CharonClosingTogetherWithTheDownEventGivesTheReason) {

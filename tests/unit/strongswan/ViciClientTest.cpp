@@ -1,5 +1,6 @@
 #include "platform/strongswan/ViciClient.h"
 
+#include "tests/unit/double/VirtualTimeScope.h"
 #include "tests/unit/strongswan/FakeCharon.h"
 
 #include <gtest/gtest.h>
@@ -21,15 +22,19 @@ using fakecharon::Link;
 using ss::ViciPacketType;
 using ss::ViciReply;
 using ss::ViciSection;
+using platform::LoopClock;
+using platform::VirtualTime;
 
 namespace {
 
 using namespace std::chrono_literals;
 using namespace std::string_literals;
 
-// Turns the io_context until `done` or the limit.
+// Turns the io_context until `done`, which waits on the fake daemon's
+// thread; the default limit only keeps a broken client from hanging the
+// test.
 bool runUntil(asio::io_context& io, const std::function<bool()>& done,
-              std::chrono::milliseconds limit = 3000ms) {
+              std::chrono::milliseconds limit = 60s) {
     auto deadline = std::chrono::steady_clock::now() + limit;
     while (!done() && std::chrono::steady_clock::now() < deadline) {
         io.restart();
@@ -52,6 +57,8 @@ std::string frameOf(ViciPacketType type, const std::string& name = {},
     return out;
 }
 
+// Under virtual time: timeouts and deadlines pass only when the test (or
+// the fake daemon, sitting on a request) moves the clock.
 class ViciClientTest : public ::testing::Test {
 protected:
     std::shared_ptr<ss::ViciClient> connectClient() {
@@ -66,6 +73,7 @@ protected:
         return client;
     }
 
+    testing_support::VirtualTimeScope virtualTime;
     asio::io_context io;
     FakeCharon server;
     std::vector<std::pair<std::string, ViciSection>> events;
@@ -276,18 +284,48 @@ TEST_F(ViciClientTest, TimesOutAnUnansweredRequestAndClosesTheConnection) {
     auto client = connectClient();
     ViciReply reply;
     bool answered = false;
-    auto start = std::chrono::steady_clock::now();
     client->request("never", {}, [&](ViciReply r) {
         reply = std::move(r);
         answered = true;
     }, 150ms);
+    ASSERT_TRUE(runUntil(io, [&] { return server.requests("never").size() == 1; }));
+    VirtualTime::advance(149ms);
+    io.poll();
+    EXPECT_FALSE(answered) << "not before the timeout";
+    VirtualTime::advance(1ms);
     ASSERT_TRUE(runUntil(io, [&] { return answered; }));
-    auto took = std::chrono::steady_clock::now() - start;
-    EXPECT_GE(took, 140ms);
-    EXPECT_LT(took, 2000ms);
     EXPECT_EQ(reply.status, ViciReply::Status::Failed);
     EXPECT_NE(reply.error.find("timed out"), std::string::npos);
     EXPECT_FALSE(client->isOpen());
+}
+
+TEST_F(ViciClientTest, EachRequestHasItsOwnTimeoutFromWhenItGoesOut) {
+    Link* held = nullptr;
+    std::mutex m;
+    server.on("slow", [&](Link& link, const ViciSection&) {
+        std::lock_guard lock(m);
+        held = &link;
+    });
+    server.on("never", [](Link&, const ViciSection&) {});
+    auto client = connectClient();
+    std::vector<std::string> outcomes;
+    auto record = [&](ViciReply r) { outcomes.push_back(r.ok() ? "ok" : r.error); };
+    client->request("slow", {}, record, 100ms);
+    client->request("never", {}, record, 100ms);
+    ASSERT_TRUE(runUntil(io, [&] { return server.requests("slow").size() == 1; }));
+    VirtualTime::advance(90ms);
+    {
+        std::lock_guard lock(m);
+        held->respond(kv("success", "yes"));
+    }
+    ASSERT_TRUE(runUntil(io, [&] { return server.requests("never").size() == 1; }));
+    // 90 ms after the first went out, but the second has just gone.
+    VirtualTime::advance(99ms);
+    io.poll();
+    EXPECT_EQ(outcomes, std::vector<std::string>{"ok"});
+    VirtualTime::advance(1ms);
+    ASSERT_TRUE(runUntil(io, [&] { return outcomes.size() == 2; }));
+    EXPECT_NE(outcomes[1].find("timed out"), std::string::npos);
 }
 
 TEST_F(ViciClientTest, DrainDeliversPendingEventsOnTheCallersStack) {
@@ -296,18 +334,15 @@ TEST_F(ViciClientTest, DrainDeliversPendingEventsOnTheCallersStack) {
     client->registerEvent("log", [&](ViciReply r) { registered = r.ok(); });
     ASSERT_TRUE(runUntil(io, [&] { return registered; }));
     server.emit("log", fakecharon::logLine("late line"));
-    auto start = std::chrono::steady_clock::now();
+    auto start = LoopClock::now();
     client->drain(300ms, 50ms);
-    auto took = std::chrono::steady_clock::now() - start;
     ASSERT_EQ(events.size(), 1u);
     EXPECT_EQ(events[0].second.get("msg"), "late line");
-    EXPECT_LT(took, 300ms) << "returns once quiet";
+    EXPECT_EQ(LoopClock::now() - start, 50ms) << "returns once quiet";
     // Nothing more arrives: the limit bounds the wait.
-    start = std::chrono::steady_clock::now();
+    start = LoopClock::now();
     client->drain(80ms, 1000ms);
-    took = std::chrono::steady_clock::now() - start;
-    EXPECT_GE(took, 75ms);
-    EXPECT_LT(took, 500ms);
+    EXPECT_EQ(LoopClock::now() - start, 80ms);
     // The asynchronous reader still works afterwards.
     server.emit("log", fakecharon::logLine("after"));
     ASSERT_TRUE(runUntil(io, [&] { return events.size() == 2; }));
@@ -322,12 +357,18 @@ TEST_F(ViciClientTest, SyncClientExchangesAndBoundsItsWait) {
         s.add("success", "yes").add("ike", request.get("ike"));
         link.respond(s);
     });
-    server.on("never", [](Link&, const ViciSection&) {});
+    server.on("never", [](Link&, const ViciSection&) { VirtualTime::advance(100ms); });
+    server.on("late", [](Link& link, const ViciSection&) {
+        VirtualTime::advance(99ms);
+        link.respond(kv("success", "yes"));
+    });
     ss::ViciSyncClient sync(server.path());
     std::string error;
     ASSERT_TRUE(sync.connect(error)) << error;
     std::vector<std::string> seen;
     auto deadline = ss::ViciSyncClient::Clock::now() + 1000ms;
+    EXPECT_TRUE(sync.request("late", {}, LoopClock::now() + 100ms).succeeded())
+        << "an answer 99 ms into a 100 ms wait is taken";
     ViciReply reply = sync.request("terminate", kv("ike", "Orvane IKEv2"), deadline,
                                    [&](const std::string& name, const ViciSection&) {
                                        seen.push_back(name);
@@ -337,11 +378,14 @@ TEST_F(ViciClientTest, SyncClientExchangesAndBoundsItsWait) {
     EXPECT_EQ(seen, std::vector<std::string>{"control-log"});
     EXPECT_EQ(sync.registerEvent("alert", deadline).status, ViciReply::Status::Unknown);
 
-    auto start = std::chrono::steady_clock::now();
-    reply = sync.request("never", {}, ss::ViciSyncClient::Clock::now() + 100ms);
-    auto took = std::chrono::steady_clock::now() - start;
+    // charon sits on the request while 100 ms pass: the wait ends there.
+    auto start = LoopClock::now();
+    reply = sync.request("never", {}, start + 100ms);
     EXPECT_EQ(reply.status, ViciReply::Status::Failed);
-    EXPECT_LT(took, 1000ms);
+    EXPECT_NE(reply.error.find("timed out"), std::string::npos);
+    EXPECT_EQ(LoopClock::now() - start, 100ms);
+    EXPECT_EQ(sync.request("terminate", {}, start + 1s).error, "not connected")
+        << "a timeout closes the connection";
 
     ss::ViciSyncClient absent(server.directory() + "/none");
     EXPECT_FALSE(absent.connect(error));
@@ -355,7 +399,7 @@ TEST_F(ViciClientTest, SyncSendReturnsOnceWritten) {
     ASSERT_TRUE(sync.send("terminate", kv("ike", "x"), ss::ViciSyncClient::Clock::now() + 500ms,
                           error))
         << error;
-    EXPECT_TRUE(server.waitFor([&] { return server.requests("terminate").size() == 1; }, 1000ms));
+    EXPECT_TRUE(server.waitFor([&] { return server.requests("terminate").size() == 1; }, 60s));
 }
 
 // A charon that is frozen: its socket listens, nobody accepts or reads yet.

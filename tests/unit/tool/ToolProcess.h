@@ -37,6 +37,8 @@ struct ToolStdio {
 class ToolProcess {
   public:
     using Clock = std::chrono::steady_clock;
+    // How long a wait goes on before the test gives up on a hung tool.
+    static constexpr std::chrono::milliseconds kHangGuard{60000};
 
     explicit ToolProcess(const std::string& script = "") {
         char folder[] = "/tmp/orvane-tool-XXXXXX";
@@ -72,7 +74,6 @@ class ToolProcess {
         const std::string recordPath = path("record");
         const std::string outPath = path("stdout");
         const std::string errPath = path("stderr");
-        startedAt_ = Clock::now();
         pid_ = ::fork();
         if (pid_ == 0) {
             if (::chdir(dir_.c_str()) != 0) {
@@ -108,23 +109,23 @@ class ToolProcess {
         }
     }
 
-    // Runs to the end; the exit status, or -1 after a kill at the time limit.
+    // Runs to the end; the exit status, or -1 after a kill at the time limit
+    // (which only keeps a hung tool from hanging the test).
     int run(const std::vector<std::string>& arguments,
-            std::chrono::milliseconds limit = std::chrono::milliseconds(10000)) {
+            std::chrono::milliseconds limit = kHangGuard) {
         start(arguments);
         return wait(limit);
     }
 
     // The exit status, or -1 when the limit passed (the process is killed)
     // or it ended by a signal.
-    int wait(std::chrono::milliseconds limit = std::chrono::milliseconds(10000)) {
+    int wait(std::chrono::milliseconds limit = kHangGuard) {
         const auto end = Clock::now() + limit;
         for (;;) {
             int status = 0;
             const pid_t done = ::waitpid(pid_, &status, WNOHANG);
             if (done == pid_) {
                 exited_ = true;
-                exitedAt_ = Clock::now();
                 if (WIFEXITED(status)) {
                     return WEXITSTATUS(status);
                 }
@@ -143,6 +144,11 @@ class ToolProcess {
 
     void signal(int signo) const { ::kill(pid_, signo); }
     pid_t pid() const { return pid_; }
+    // Waits until a SIGSTOP sent to the tool has taken effect.
+    bool waitUntilStopped() const {
+        int status = 0;
+        return ::waitpid(pid_, &status, WUNTRACED) == pid_ && WIFSTOPPED(status);
+    }
     // Sends `signo` just after the tool went to sleep again, which an idle
     // tool does at the start of each 0.5 s slice of its run loop: what the
     // signal sets off then has the whole slice to be seen.
@@ -154,7 +160,6 @@ class ToolProcess {
         }
         signal(signo);
     }
-    Clock::time_point exitedAt() const { return exitedAt_; }
     int termSignal() const { return termSignal_; }
 
     std::string read(const std::string& name) const {
@@ -177,7 +182,7 @@ class ToolProcess {
 
     // Waits until the record holds a line starting with `prefix`.
     bool waitForRecord(const std::string& prefix,
-                       std::chrono::milliseconds limit = std::chrono::milliseconds(5000)) const {
+                       std::chrono::milliseconds limit = kHangGuard) const {
         const auto end = Clock::now() + limit;
         while (Clock::now() < end) {
             for (const std::string& entry : record()) {
@@ -209,8 +214,6 @@ class ToolProcess {
     pid_t pid_ = -1;
     bool exited_ = false;
     int termSignal_ = 0;
-    Clock::time_point startedAt_;
-    Clock::time_point exitedAt_;
     std::function<void()> beforeExec_;
 };
 
