@@ -145,7 +145,7 @@ SystemTrust::SystemTrust(asio::io_context& context, std::vector<std::string> bun
     : context_(context), bundles_(std::move(bundles)) {}
 
 SystemTrust::~SystemTrust() {
-    *alive_ = false;
+    liveness_.end();
 }
 
 bool SystemTrust::readStore() {
@@ -185,12 +185,8 @@ void SystemTrust::sync(const std::shared_ptr<ViciClient>& client, std::function<
         finish();
         return;
     }
-    std::weak_ptr<bool> alive = alive_;
     std::weak_ptr<ViciClient> weakClient = client;
-    client->request("get-authorities", {}, [this, alive, weakClient](ViciReply reply) {
-        if (!alive.lock()) {
-            return;
-        }
+    client->request("get-authorities", {}, liveness_.guard([this, weakClient](const ViciReply& reply) {
         auto strong = weakClient.lock();
         if (!reply.ok() || !strong) {
             DDLogDebug("IKEv2 get-authorities: {}", reply.failure());
@@ -199,7 +195,7 @@ void SystemTrust::sync(const std::shared_ptr<ViciClient>& client, std::function<
         }
         const std::vector<std::string>* loaded = reply.message.list("authorities");
         apply(strong, loaded != nullptr ? *loaded : std::vector<std::string>{});
-    });
+    }));
 }
 
 void SystemTrust::apply(const std::shared_ptr<ViciClient>& client,
@@ -223,30 +219,25 @@ void SystemTrust::sendNext(const std::shared_ptr<ViciClient>& client) {
         return;
     }
     std::size_t index = sent_++;
-    std::weak_ptr<bool> alive = alive_;
     std::weak_ptr<ViciClient> weakClient = client;
     ViciSection message;
     if (index < changes_.load.size()) {
         const TrustAnchor& anchor = *changes_.load[index];
         message.addSection(anchor.name).add("cacert", std::string(anchor.pem));
         client->request("load-authority", message,
-                        [this, alive, weakClient](const ViciReply& reply) {
-                            if (alive.lock()) {
-                                answered(weakClient, !reply.succeeded());
-                            }
-                        });
+                        liveness_.guard([this, weakClient](const ViciReply& reply) {
+                            answered(weakClient, !reply.succeeded());
+                        }));
         return;
     }
     message.add("name", changes_.unload[index - changes_.load.size()]);
-    client->request("unload-authority", message, [this, alive, weakClient](const ViciReply& reply) {
-        if (!alive.lock()) {
-            return;
-        }
-        if (!reply.succeeded()) {
-            DDLogDebug("IKEv2 unload-authority: {}", reply.failure());
-        }
-        answered(weakClient, false);
-    });
+    client->request("unload-authority", message,
+                    liveness_.guard([this, weakClient](const ViciReply& reply) {
+                        if (!reply.succeeded()) {
+                            DDLogDebug("IKEv2 unload-authority: {}", reply.failure());
+                        }
+                        answered(weakClient, false);
+                    }));
 }
 
 void SystemTrust::answered(const std::weak_ptr<ViciClient>& client, bool refused) {
@@ -274,16 +265,12 @@ void SystemTrust::warmUp(ViciClient& client) {
     // certificate has makes it work them out now, in the idle wait.
     ViciSection lookup;
     lookup.add("type", "X509").add("subject", "keyid:#00");
-    std::weak_ptr<bool> alive = alive_;
-    client.request("list-certs", lookup, [this, alive](const ViciReply& reply) {
-        if (!alive.lock()) {
-            return;
-        }
+    client.request("list-certs", lookup, liveness_.guard([this](const ViciReply& reply) {
         if (!reply.ok()) {
             DDLogDebug("IKEv2 list-certs: {}", reply.failure());
         }
         finish();
-    });
+    }));
 }
 
 void SystemTrust::finish() {

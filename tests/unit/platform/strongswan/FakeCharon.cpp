@@ -1,4 +1,4 @@
-#include "tests/unit/strongswan/FakeCharon.h"
+#include "tests/unit/platform/strongswan/FakeCharon.h"
 
 #include <sys/socket.h>
 #include <sys/un.h>

@@ -1,10 +1,12 @@
 #include "platform/strongswan/ViciClient.h"
 
-#include "tests/unit/strongswan/FakeCharon.h"
+#include "tests/unit/platform/strongswan/FakeCharon.h"
 
 #include <gtest/gtest.h>
 
 #include <sys/socket.h>
+
+#include <cerrno>
 
 #include <string>
 #include <vector>
@@ -50,8 +52,7 @@ class ViciClientTest : public ::testing::Test {
 protected:
     std::shared_ptr<ss::ViciClient> connectClient() {
         auto client = ss::ViciClient::create(io, server.path());
-        std::string error;
-        EXPECT_TRUE(client->connect(error)) << error;
+        EXPECT_TRUE(client->connect());
         client->setEventHandler([this](const std::string& name, const ViciSection& event) {
             events.emplace_back(name, event);
             order.push_back("event:" + name);
@@ -69,9 +70,10 @@ protected:
 
 TEST_F(ViciClientTest, ConnectFailsWhenNoDaemonListens) {
     auto client = ss::ViciClient::create(io, server.directory() + "/missing.vici");
-    std::string error;
-    EXPECT_FALSE(client->connect(error));
-    EXPECT_NE(error.find("missing.vici"), std::string::npos);
+    auto connected = client->connect();
+    ASSERT_FALSE(connected);
+    EXPECT_NE(connected.error().text.find("missing.vici"), std::string::npos);
+    EXPECT_EQ(connected.error().cause.value(), ENOENT);
     bool answered = false;
     client->request("version", {}, [&](ViciReply reply) {
         answered = true;
@@ -318,8 +320,7 @@ TEST_F(ViciClientTest, SyncClientExchangesAndBoundsItsWait) {
     });
     server.on("never", [](Link&, const ViciSection&) {});
     ss::ViciSyncClient sync(server.path());
-    std::string error;
-    ASSERT_TRUE(sync.connect(error)) << error;
+    ASSERT_TRUE(sync.connect());
     std::vector<std::string> seen;
     auto deadline = ss::ViciSyncClient::Clock::now() + 1000ms;
     ViciReply reply = sync.request("terminate", kv("ike", "Orvane IKEv2"), deadline,
@@ -338,17 +339,14 @@ TEST_F(ViciClientTest, SyncClientExchangesAndBoundsItsWait) {
     EXPECT_LT(took, 1000ms);
 
     ss::ViciSyncClient absent(server.directory() + "/none");
-    EXPECT_FALSE(absent.connect(error));
+    EXPECT_FALSE(absent.connect());
 }
 
 TEST_F(ViciClientTest, SyncSendReturnsOnceWritten) {
     ss::ViciSyncClient sync(server.path());
-    std::string error;
-    ASSERT_TRUE(sync.connect(error));
+    ASSERT_TRUE(sync.connect());
     server.on("terminate", [](Link&, const ViciSection&) {});
-    ASSERT_TRUE(sync.send("terminate", kv("ike", "x"), ss::ViciSyncClient::Clock::now() + 500ms,
-                          error))
-        << error;
+    ASSERT_TRUE(sync.send("terminate", kv("ike", "x"), ss::ViciSyncClient::Clock::now() + 500ms));
     EXPECT_TRUE(server.waitFor([&] { return server.requests("terminate").size() == 1; }, 1000ms));
 }
 

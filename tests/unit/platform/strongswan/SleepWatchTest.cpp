@@ -1,9 +1,9 @@
 #include "platform/strongswan/SleepWatch.h"
 
 #include "platform/strongswan/DisconnectLog.h"
-#include "tests/unit/strongswan/LogCapture.h"
-#include "tests/unit/strongswan/PrivateLogind.h"
-#include "tests/unit/strongswan/RunIo.h"
+#include "tests/unit/platform/strongswan/LogCapture.h"
+#include "tests/unit/platform/strongswan/PrivateLogind.h"
+#include "tests/unit/platform/strongswan/RunIo.h"
 
 #include <gtest/gtest.h>
 
