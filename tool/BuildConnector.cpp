@@ -4,7 +4,7 @@
 
 #include <sys/stat.h>
 
-#include <cstdlib>
+namespace tool {
 
 namespace {
 
@@ -23,14 +23,15 @@ RunMode run_mode(const cli::GBSettings& settings) {
 }
 
 std::shared_ptr<OVConnectorIKEv2> build_connector(const cli::GBSettings& settings,
-                                                  const RunMode& mode) {
+                                                  const RunMode& mode, const Finish& finish) {
     const cli::Value config = settings.objectForKey("config");
     if (!config.isNil()) {
         // Used verbatim: a relative path is taken from the working directory.
         const std::string path = config.description();
         if (!fileExistsAtPath(path)) {
             DDLogError("Config file {} doesn't exist!", path);
-            std::exit(1);
+            finish(1);
+            return nullptr;
         }
         return OVConnectorIKEv2::initWithConfigFile(path);
     }
@@ -41,5 +42,8 @@ std::shared_ptr<OVConnectorIKEv2> build_connector(const cli::GBSettings& setting
                                                 std::string(""));
     }
     DDLogError("Must provide a config file to start vpn tunnel!");
-    std::exit(1);
+    finish(1);
+    return nullptr;
 }
+
+}  // namespace tool

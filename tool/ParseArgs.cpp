@@ -3,7 +3,7 @@
 #include "cli/GBCommandLineParser.h"
 #include "cli/GBOptionsHelper.h"
 
-#include <cstdlib>
+namespace tool {
 
 void register_tool_options(cli::GBOptionsHelper& options) {
     options.registerOption('c', std::string("config"), std::string("Read configurations from file"),
@@ -18,7 +18,9 @@ void register_tool_options(cli::GBOptionsHelper& options) {
     options.registerOption('h', std::string("help"), std::string("Print help and exit"), 2);
 }
 
-cli::GBSettingsRef parse_args(int argc, char** argv) {
+}  // namespace tool
+
+cli::GBSettingsRef parse_args(int argc, char** argv, const Finish& finish) {
     // A level without storage: both defaults are lost on purpose, so no
     // configuration file name is in effect unless --config gives one.
     auto defaults = std::make_shared<cli::GBSettings>();
@@ -29,7 +31,7 @@ cli::GBSettingsRef parse_args(int argc, char** argv) {
 
     auto parser = std::make_shared<cli::GBCommandLineParser>();
     cli::GBOptionsHelper options;
-    register_tool_options(options);
+    tool::register_tool_options(options);
 
     parser->registerOptions(options);
     parser->registerSettings(settings);
@@ -38,5 +40,6 @@ cli::GBSettingsRef parse_args(int argc, char** argv) {
         return settings;
     }
     options.printHelp();
-    std::exit(1);
+    finish(1);
+    return nullptr;
 }
