@@ -124,12 +124,11 @@ void ViciClient::enqueue(ViciPacketType type, std::string name, const ViciSectio
     op.handler = std::move(handler);
     op.timeout = timeout;
     op.id = ++nextId_;
-    std::string error;
     // Encoded straight from the caller's message: its values are not copied.
-    bool encoded = encodeViciFrame(type, name, message, op.frame, error);
+    Result<void> encoded = encodeViciFrame(type, name, message, op.frame);
     if (!encoded || !open_) {
         ViciReply reply;
-        reply.error = encoded ? std::string("not connected") : error;
+        reply.error = encoded ? std::string("not connected") : encoded.error().text;
         auto done = std::move(op.handler);
         post([done = std::move(done), reply = std::move(reply)]() mutable {
             if (done) {
@@ -234,12 +233,12 @@ void ViciClient::consume(const char* data, std::size_t size) {
 }
 
 bool ViciClient::handlePacket(const std::string& bytes) {
-    ViciPacket packet;
-    std::string error;
-    if (!decodeViciPacket(bytes, packet, error)) {
-        fail(fmt::format("malformed packet: {}", error), true);
+    Result<ViciPacket> decoded = decodeViciPacket(bytes);
+    if (!decoded) {
+        fail(fmt::format("malformed packet: {}", decoded.error().text), true);
         return false;
     }
+    ViciPacket& packet = *decoded;
     if (packet.type == ViciPacketType::Event) {
         if (onEvent_) {
             onEvent_(packet.name, packet.message);
@@ -405,8 +404,11 @@ bool ViciSyncClient::write(ViciPacketType type, const std::string& name,
         return false;
     }
     std::string frame;
-    bool ok = encodeViciFrame(type, name, message, frame, error) &&
-              writeAll(frame, deadline, error);
+    Result<void> encoded = encodeViciFrame(type, name, message, frame);
+    if (!encoded) {
+        error = encoded.error().text;
+    }
+    bool ok = encoded && writeAll(frame, deadline, error);
     secureWipe(frame);
     if (!ok) {
         closeSocket();
@@ -473,10 +475,11 @@ bool ViciSyncClient::readPacket(Clock::time_point deadline, ViciPacket& packet,
             return failed(fmt::format("malformed frame: {}", why));
         }
         if (result == ViciFrameReader::Result::Packet) {
-            packet = ViciPacket{};
-            if (!decodeViciPacket(body, packet, why)) {
-                return failed(fmt::format("malformed packet: {}", why));
+            Result<ViciPacket> decoded = decodeViciPacket(body);
+            if (!decoded) {
+                return failed(fmt::format("malformed packet: {}", decoded.error().text));
             }
+            packet = std::move(*decoded);
             return true;
         }
         pollfd pfd{fd_, POLLIN, 0};

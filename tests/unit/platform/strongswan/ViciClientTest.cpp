@@ -43,8 +43,7 @@ ViciSection kv(const std::string& key, const std::string& value) {
 std::string frameOf(ViciPacketType type, const std::string& name = {},
                     const ViciSection* message = nullptr) {
     std::string out;
-    std::string error;
-    ss::encodeViciFrame(type, name, message, out, error);
+    EXPECT_TRUE(ss::encodeViciFrame(type, name, message, out));
     return out;
 }
 
