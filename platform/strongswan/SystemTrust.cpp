@@ -42,14 +42,15 @@ struct FileCloser {
     void operator()(std::FILE* file) const { std::fclose(file); }
 };
 
-// The whole file; none with `missing` set when it does not exist, none
-// with `error` when it cannot be read.
-std::optional<std::string> readBundle(const std::string& path, bool& missing, std::string& error) {
+// The whole file, or why it cannot be read; a file that does not exist
+// has ENOENT as the error's cause.
+Result<std::string> readBundle(const std::string& path) {
     std::unique_ptr<std::FILE, FileCloser> file(std::fopen(path.c_str(), "rbe"));
     if (!file) {
-        missing = errno == ENOENT;
-        error = fmt::format("{}: {}", path, std::strerror(errno));
-        return std::nullopt;
+        const int err = errno;
+        return Error{fmt::format("{}: {}", path, std::strerror(err)),
+                     NEVPNErrorConfigurationReadWriteFailed,
+                     std::error_code(err, std::generic_category())};
     }
     // Read in place, into room for the whole file: a trust store is the
     // largest thing the tool holds.
@@ -66,13 +67,11 @@ std::optional<std::string> readBundle(const std::string& path, bool& missing, st
         n = std::fread(bytes.data() + at, 1, bytes.size() - at, file.get());
         bytes.resize(at + n);
         if (bytes.size() > kMaxBundleSize) {
-            error = fmt::format("{}: larger than {} bytes", path, kMaxBundleSize);
-            return std::nullopt;
+            return Error{fmt::format("{}: larger than {} bytes", path, kMaxBundleSize)};
         }
     } while (n > 0);
     if (std::ferror(file.get())) {
-        error = fmt::format("{}: read error", path);
-        return std::nullopt;
+        return Error{fmt::format("{}: read error", path)};
     }
     return bytes;
 }
@@ -151,15 +150,13 @@ SystemTrust::~SystemTrust() {
 bool SystemTrust::readStore() {
     bundle_.clear();
     for (const std::string& path : bundles_) {
-        bool missing = false;
-        std::string error;
-        std::optional<std::string> bytes = readBundle(path, missing, error);
+        Result<std::string> bytes = readBundle(path);
         if (bytes) {
             bundle_ = std::move(*bytes);
             break;
         }
-        if (!missing) {
-            DDLogDebug("IKEv2 system trust store not read: {}", error);
+        if (bytes.error().cause != std::errc::no_such_file_or_directory) {
+            DDLogDebug("IKEv2 system trust store not read: {}", bytes.error().text);
             return false;
         }
     }
