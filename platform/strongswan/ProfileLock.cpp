@@ -45,9 +45,8 @@ Result<void> ProfileLock::acquire() {
         }
         std::string pid = n > 0 ? std::string(holder, static_cast<std::size_t>(n)) : "";
         pid = pid.substr(0, pid.find_first_not_of("0123456789"));
-        return lockError(
-            pid.empty() ? std::string("the profile is in use by another orvane-ikev2")
-                        : fmt::format("the profile is in use by another orvane-ikev2 (pid {})", pid));
+        const std::string inUse = "the profile is in use by another orvane-ikev2";
+        return lockError(pid.empty() ? inUse : fmt::format("{} (pid {})", inUse, pid));
     }
     // Should this fail, the lock holds all the same; only the name is missing.
     const std::string pid = fmt::format("{}\n", ::getpid());

@@ -85,8 +85,10 @@ Result<void> StrongSwanConnection::openCommands() {
         commands_.reset();
         return connected;
     }
-    commands_->setEventHandler(liveness_.guard(
-        [this](const std::string& name, const ViciSection& event) { onCommandEvent(name, event); }));
+    commands_->setEventHandler(
+        liveness_.guard([this](const std::string& name, const ViciSection& event) {
+            onCommandEvent(name, event);
+        }));
     return {};
 }
 
@@ -101,7 +103,8 @@ OptionalError StrongSwanConnection::startVPNTunnel(const NEVPNStartOptions& opti
     if (options.username.empty() || options.password.empty()) {
         return makeVPNError(NEVPNErrorConfigurationInvalid, "user name or password missing");
     }
-    Result<ViciSection> conn = manager_.connectionLoaded() ? ViciSection{} : buildLoadConn(*protocol);
+    Result<ViciSection> conn =
+        manager_.connectionLoaded() ? ViciSection{} : buildLoadConn(*protocol);
     if (!conn) {
         return makeVPNError(conn.error());
     }
