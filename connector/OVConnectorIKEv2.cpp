@@ -26,7 +26,7 @@ std::string NSStringFromNEVPNStatus(NEVPNStatus status) {
 }
 
 OVConnectorIKEv2::OVConnectorIKEv2(OptionalString server, OptionalString username,
-                                   OptionalString password)
+                                   OptionalSecret password)
     : password_(std::move(password)),
       username_(std::move(username)),
       server_(std::move(server)),
@@ -35,21 +35,29 @@ OVConnectorIKEv2::OVConnectorIKEv2(OptionalString server, OptionalString usernam
 
 std::shared_ptr<OVConnectorIKEv2> OVConnectorIKEv2::initWithServer(OptionalString server,
                                                                    OptionalString username,
-                                                                   OptionalString password) {
+                                                                   OptionalSecret password) {
     return std::shared_ptr<OVConnectorIKEv2>(
         new OVConnectorIKEv2(std::move(server), std::move(username), std::move(password)));
 }
 
 std::shared_ptr<OVConnectorIKEv2> OVConnectorIKEv2::initWithConfigFile(const std::string& path) {
-    const auto config = ParseConfig(path);
-    const auto lookup = [&config](const char* key) -> OptionalString {
+    auto config = ParseConfig(path);
+    const auto find = [&config](std::string_view key) -> Secret* {
         if (!config) {
-            return std::nullopt;
+            return nullptr;
         }
         const auto found = config->find(key);
-        return found == config->end() ? std::nullopt : OptionalString(found->second);
+        return found == config->end() ? nullptr : &found->second;
     };
-    auto connector = initWithServer(lookup("ip"), lookup("username"), lookup("password"));
+    const auto lookup = [&find](std::string_view key) -> OptionalString {
+        const Secret* value = find(key);
+        return value ? OptionalString(value->view()) : std::nullopt;
+    };
+    OptionalSecret password;
+    if (Secret* value = find("password")) {
+        password = std::move(*value);
+    }
+    auto connector = initWithServer(lookup("ip"), lookup("username"), std::move(password));
     const OptionalString remote = lookup("remote");
     if (remote && !remote->empty()) {
         connector->setRemoteID(remote);
@@ -140,11 +148,19 @@ void OVConnectorIKEv2::startTunnel(const OptionalError& saveError) {
         finish_(1);
         return;
     }
-    const NEVPNStartOptions options{*username_, *password_};
-    NEVPNConnection* connection = vpnManager_ ? vpnManager_->connection() : nullptr;
-    // With no connection the request cannot go out; that is a refused start.
-    const OptionalError startError = connection ? connection->startVPNTunnel(options)
-                                                : OptionalError(NSError{0, "no connection"});
+    OptionalError startError;
+    {
+        // The options take the password over and wipe it at the end of this
+        // block, whatever the outcome.
+        const NEVPNStartOptions options{*username_, std::move(*password_)};
+        password_.reset();
+        NEVPNConnection* connection = vpnManager_ ? vpnManager_->connection() : nullptr;
+        // With no connection the request cannot go out; that is a refused start.
+        startError = connection ? connection->startVPNTunnel(options)
+                                : OptionalError(NSError{0, "no connection"});
+    }
+    // What the backend's copying left on the stack and in the registers.
+    wipeScratch();
     if (startError) {
         DDLogDebug("IKEv2 Start refused: {}", startError->description);
         // Deliberately the save handler's error, not the start error.

@@ -9,9 +9,11 @@
 
 #include "connector/Finish.h"
 #include "platform/NEVPN.h"
+#include "platform/Secret.h"
 
 #include <chrono>
 #include <cstddef>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -27,10 +29,16 @@ inline constexpr std::chrono::nanoseconds kTunnelStartDelay{500000000};
 // Configuration files larger than this are refused (1 MiB).
 inline constexpr std::size_t kMaxConfigFileSize = 1024 * 1024;
 
+// What a configuration file says. The reader cannot tell which bytes are a
+// secret (a password line longer than a read even spills into a key), so
+// keys and values alike are wiped when the dictionary goes.
+using ConfigDictionary = std::map<platform::Secret, platform::Secret, std::less<>>;
+
 // Reads a key=value configuration file. Nil when the file cannot be opened
 // or is larger than kMaxConfigFileSize (after an error line); lines that do
-// not match, or whose key or value is not valid UTF-8, are skipped.
-std::optional<std::map<std::string, std::string>> ParseConfig(const std::string& path);
+// not match, or whose key or value is not valid UTF-8, are skipped. Every
+// buffer the file's bytes pass through is wiped before it returns.
+std::optional<ConfigDictionary> ParseConfig(const std::string& path);
 
 // The log text of a status ("IKEv2 Connected", ...).
 std::string NSStringFromNEVPNStatus(platform::NEVPNStatus status);
@@ -38,12 +46,13 @@ std::string NSStringFromNEVPNStatus(platform::NEVPNStatus status);
 class OVConnectorIKEv2 : public std::enable_shared_from_this<OVConnectorIKEv2> {
   public:
     using OptionalString = std::optional<std::string>;
+    using OptionalSecret = std::optional<platform::Secret>;
     using TimePoint = platform::SystemClock::time_point;
 
     // initWithServer:username:password: and initWithConfigFile:.
     static std::shared_ptr<OVConnectorIKEv2> initWithServer(OptionalString server,
                                                             OptionalString username,
-                                                            OptionalString password);
+                                                            OptionalSecret password);
     static std::shared_ptr<OVConnectorIKEv2> initWithConfigFile(const std::string& path);
 
     // Handles a status notification: reads the connection's status afresh.
@@ -66,8 +75,11 @@ class OVConnectorIKEv2 : public std::enable_shared_from_this<OVConnectorIKEv2> {
     void setCheckOnly(bool value) { checkOnly_ = value; }
     bool createOnly() const { return createOnly_; }
     void setCreateOnly(bool value) { createOnly_ = value; }
-    const OptionalString& password() const { return password_; }
-    void setPassword(OptionalString value) { password_ = std::move(value); }
+    // The password is held from construction until the start step, which
+    // moves it into the start options: from then on it is nil, and the
+    // options wipe it once the backend has handed it to the system.
+    const OptionalSecret& password() const { return password_; }
+    void setPassword(OptionalSecret value) { password_ = std::move(value); }
     const OptionalString& username() const { return username_; }
     void setUsername(OptionalString value) { username_ = std::move(value); }
     const OptionalString& server() const { return server_; }
@@ -86,7 +98,7 @@ class OVConnectorIKEv2 : public std::enable_shared_from_this<OVConnectorIKEv2> {
     void setFinish(Finish finish) { finish_ = std::move(finish); }
 
   private:
-    OVConnectorIKEv2(OptionalString server, OptionalString username, OptionalString password);
+    OVConnectorIKEv2(OptionalString server, OptionalString username, OptionalSecret password);
 
     void loadCompleted(const platform::OptionalError& error);
     void saveCompleted(const platform::OptionalError& error);
@@ -98,7 +110,7 @@ class OVConnectorIKEv2 : public std::enable_shared_from_this<OVConnectorIKEv2> {
     bool connected_ = false;
     bool checkOnly_ = false;
     bool createOnly_ = false;
-    OptionalString password_;
+    OptionalSecret password_;
     OptionalString username_;
     OptionalString server_;
     OptionalString remoteID_;

@@ -1,6 +1,7 @@
 #include "connector/OVConnectorIKEv2.h"
 
 #include "log/DDLog.h"
+#include "os/Memory.h"
 #include "platform/Utf8.h"
 
 #include <fcntl.h>
@@ -10,39 +11,28 @@
 #include <cerrno>
 #include <cstring>
 
+using platform::Secret;
+
 namespace {
 
-std::string trim(std::string_view text) {
+std::string_view trim(std::string_view text) {
     constexpr std::string_view kTrimmed = " \t\"'";
     const auto first = text.find_first_not_of(kTrimmed);
     if (first == std::string_view::npos) {
-        return "";
+        return {};
     }
     const auto last = text.find_last_not_of(kTrimmed);
-    return std::string(text.substr(first, last - first + 1));
+    return text.substr(first, last - first + 1);
 }
 
-// The file holds the password: no copy of it is left behind in memory.
-void wipe(void* data, std::size_t size) {
-    volatile unsigned char* bytes = static_cast<volatile unsigned char*>(data);
-    for (std::size_t i = 0; i < size; ++i) {
-        bytes[i] = 0;
-    }
-}
-
-void wipe(std::string& text) {
-    text.resize(text.capacity());
-    wipe(text.data(), text.size());
-    text.clear();
-}
-
+// The file holds the password: every buffer its bytes pass through is wiped.
 // Appends to `bytes`, wiping the old buffer when it has to grow.
 void appendWiping(std::string& bytes, const char* data, std::size_t size) {
     if (bytes.size() + size > bytes.capacity()) {
         std::string larger;
         larger.reserve(std::max(2 * bytes.capacity(), bytes.size() + size));
         larger.append(bytes);
-        wipe(bytes);
+        os::wipeString(bytes);
         bytes.swap(larger);
     }
     bytes.append(data, size);
@@ -67,28 +57,12 @@ bool readBounded(int fd, std::string& bytes, std::size_t limit) {
             break;
         }
     }
-    wipe(chunk, sizeof chunk);
+    os::wipeMemory(chunk, sizeof chunk);
     return !tooLarge;
 }
 
-}  // namespace
-
-std::optional<std::map<std::string, std::string>> ParseConfig(const std::string& path) {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-        const int error = errno;
-        DDLogError("parse_config {}: {}", path, std::strerror(error));
-        return std::nullopt;
-    }
-    std::string bytes;
-    const bool whole = readBounded(fd, bytes, kMaxConfigFileSize);
-    ::close(fd);
-    if (!whole) {
-        wipe(bytes);
-        DDLogError("parse_config {}: {}", path, std::strerror(EFBIG));
-        return std::nullopt;
-    }
-    std::map<std::string, std::string> config;
+std::optional<ConfigDictionary> parseLines(const std::string& bytes) {
+    ConfigDictionary config;
     // One line is what one fgets() into 256 bytes gives: up to and
     // including a line feed, at most 255 bytes.
     char line[256] = {};
@@ -111,9 +85,36 @@ std::optional<std::map<std::string, std::string>> ParseConfig(const std::string&
         if (!platform::isValidUTF8(key) || !platform::isValidUTF8(value)) {
             continue;
         }
-        config[trim(key)] = trim(value);
+        const std::string_view trimmedKey = trim(key);
+        if (const auto found = config.find(trimmedKey); found != config.end()) {
+            found->second = Secret(trim(value));
+        } else {
+            config.emplace(Secret(trimmedKey), Secret(trim(value)));
+        }
     }
-    wipe(line, sizeof line);
-    wipe(bytes);
+    os::wipeMemory(line, sizeof line);
+    return config;
+}
+
+}  // namespace
+
+std::optional<ConfigDictionary> ParseConfig(const std::string& path) {
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        const int error = errno;
+        DDLogError("parse_config {}: {}", path, std::strerror(error));
+        return std::nullopt;
+    }
+    std::string bytes;
+    const bool whole = readBounded(fd, bytes, kMaxConfigFileSize);
+    ::close(fd);
+    std::optional<ConfigDictionary> config;
+    if (whole) {
+        config = parseLines(bytes);
+    }
+    os::wipeString(bytes);
+    if (!whole) {
+        DDLogError("parse_config {}: {}", path, std::strerror(EFBIG));
+    }
     return config;
 }

@@ -12,6 +12,8 @@
 // on the main run loop (RunLoop::main()), never from inside the call that
 // asked for it.
 
+#include "platform/Secret.h"
+
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -125,10 +127,11 @@ struct NEVPNProtocolIKEv2 {
 };
 
 // The two start options: NEVPNConnectionStartOptionUsername and
-// NEVPNConnectionStartOptionPassword.
+// NEVPNConnectionStartOptionPassword. Moved, never copied: the password is
+// wiped when the options go.
 struct NEVPNStartOptions {
     std::string username;
-    std::string password;
+    Secret password;
 };
 
 class NEVPNConnection {
@@ -137,7 +140,9 @@ public:
     virtual NEVPNStatus status() const = 0;
     // Asks the system to start the tunnel. Returns an error when the request
     // was refused at once; progress arrives as status notifications. The
-    // backend must not keep the password longer than the tunnel needs it.
+    // caller wipes the options when this returns; a backend keeps no copy of
+    // the password beyond handing it to the system (an asynchronous write
+    // of it is wiped once done).
     virtual OptionalError startVPNTunnel(const NEVPNStartOptions& options) = 0;
     // Asks the system to stop the tunnel. Not waited on by the caller, but
     // the request has gone out when this returns: the process may end right

@@ -1,8 +1,12 @@
 #include "tool/Tool.h"
 
 #include "log/DDLog.h"
+#include "os/Memory.h"
 
 #include <sys/stat.h>
+
+#include <cerrno>
+#include <cstring>
 
 namespace tool {
 
@@ -33,13 +37,22 @@ std::shared_ptr<OVConnectorIKEv2> build_connector(const cli::GBSettings& setting
             finish(1);
             return nullptr;
         }
+        // The file holds the password: the process's memory is closed to
+        // others before it is read.
+        if (!os::denyMemoryInspection()) {
+            const int error = errno;
+            DDLogError("Cannot keep the password out of reach of other processes: {}",
+                       std::strerror(error));
+            finish(1);
+            return nullptr;
+        }
         return OVConnectorIKEv2::initWithConfigFile(path);
     }
     if (mode.checkOnly || mode.createOnly) {
         std::string server = random_ip();
         std::string username = random_username();
         return OVConnectorIKEv2::initWithServer(std::move(server), std::move(username),
-                                                std::string(""));
+                                                platform::Secret());
     }
     DDLogError("Must provide a config file to start vpn tunnel!");
     finish(1);

@@ -1,6 +1,13 @@
 #import "platform/macos/FoundationBridge.h"
 
+#include "os/Memory.h"
+#include "platform/Utf8.h"
 #include "platform/macos/FrameworkValues.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <type_traits>
 
 NS_ASSUME_NONNULL_BEGIN
 
@@ -14,6 +21,27 @@ NSString* _Nullable toNSString(std::string_view text) {
 
 NSString* _Nullable toNSString(const std::optional<std::string>& text) {
     return text ? toNSString(std::string_view(*text)) : nil;
+}
+
+NSString* _Nullable toNSString(const Secret& secret) {
+    const std::optional<std::size_t> length = utf16FromUTF8(secret.view(), nullptr);
+    if (!length) {
+        return nil;
+    }
+    // One unit at least, so that an empty secret has a buffer to own too.
+    const std::size_t bytes = std::max<std::size_t>(*length, 1) * sizeof(unichar);
+    auto* characters = static_cast<unichar*>(std::malloc(bytes));
+    if (characters == nullptr) {
+        return nil;
+    }
+    static_assert(std::is_same_v<unichar, std::uint16_t>);
+    utf16FromUTF8(secret.view(), characters);
+    return [[NSString alloc] initWithCharactersNoCopy:characters
+                                               length:*length
+                                          deallocator:^(unichar* owned, NSUInteger) {
+                                            os::wipeMemory(owned, bytes);
+                                            std::free(owned);
+                                          }];
 }
 
 std::optional<std::string> fromNSString(NSString* _Nullable text) {

@@ -16,8 +16,11 @@ class MacVPNConnection final : public platform::NEVPNConnection {
     explicit MacVPNConnection(::NEVPNManager* manager);
 
     platform::NEVPNStatus status() const override;
-    // Start options hold the user name and the password; nothing else keeps
-    // them once the request has gone out.
+    // The password goes to the framework as a string whose characters are
+    // wiped when the framework and this call have released it (the
+    // autorelease pool of the call drains before it returns). Out of reach:
+    // what the framework derives from it (the request to the system's VPN
+    // service) and, should Foundation copy the characters, that copy.
     OptionalError startVPNTunnel(const NEVPNStartOptions& options) override;
     void stopVPNTunnel() override;
 

@@ -41,7 +41,7 @@ platform::NEVPNStatus MacVPNConnection::status() const {
 OptionalError MacVPNConnection::startVPNTunnel(const NEVPNStartOptions& options) {
     @autoreleasepool {
         NSString* username = toNSString(std::string_view(options.username));
-        NSString* password = toNSString(std::string_view(options.password));
+        NSString* password = toNSString(options.password);
         if (username == nil || password == nil) {
             return platform::NSError{NEVPNErrorConfigurationInvalid,
                                      "the user name or password is not UTF-8"};

@@ -297,13 +297,21 @@ void StrongSwanConnection::releaseCharon(bool terminate) {
         return;
     }
     // A frozen charon still takes requests into its socket's queue and
-    // carries them out once it runs again, after this process is gone.
+    // carries them out once it runs again, after this process is gone, as
+    // long as their connection is still open then.
     ViciSyncClient later(options_.socketPath);
-    if (later.connect() &&
-        later.send("terminate", buildTerminate(),
-                   ViciSyncClient::Clock::now() + options_.stopTimeout)) {
-        saMayExist_ = false;
+    if (!later.connect()) {
+        return;
     }
+    auto deadline = ViciSyncClient::Clock::now() + options_.stopTimeout;
+    bool unloadSent = secretLoaded_ && later.send("unload-shared", buildUnloadShared(), deadline);
+    bool terminateSent = later.send("terminate", buildTerminate(), deadline).ok();
+    if (unloadSent || terminateSent) {
+        later.leaveOpenUntilAnswered(int{unloadSent} + int{terminateSent},
+                                     options_.frozenRequestsHold);
+    }
+    secretLoaded_ = secretLoaded_ && !unloadSent;
+    saMayExist_ = !terminateSent;
 }
 
 void StrongSwanConnection::finish() {
@@ -356,7 +364,8 @@ void StrongSwanConnection::onCommandEvent(const std::string& name, const ViciSec
 
 void StrongSwanConnection::onEventsClosed(const std::string& reason) {
     DDLogDebug("IKEv2 charon event connection lost: {}", reason);
-    events_.reset();
+    // The closed client stays until the next start: lastDisconnectError
+    // tells by it that charon went away right after the tunnel.
     // A restarted charon has forgotten the connection loaded over VICI.
     manager_.setConnectionLoaded(false);
     if (tracker_.active()) {
@@ -437,11 +446,13 @@ std::string StrongSwanConnection::lastDisconnectError(
         if (!log_.lastReason(since).empty()) {
             break;
         }
-        if (!events_->isOpen()) {
-            // charon went away right after the tunnel: it is shutting down
-            // (its own line about it does not always make it out).
-            log_.note(kNoteCharonClosed);
-        }
+    }
+    // charon closed the event stream right after the tunnel (often read
+    // together with the down event): it is shutting down. Its own line about
+    // that is handed to a worker thread that charon stops first, and often
+    // never goes out.
+    if (events_ && !events_->isOpen() && log_.lastReason(since).empty()) {
+        log_.note(kNoteCharonClosed);
     }
     return log_.lastReason(since);
 }

@@ -62,6 +62,10 @@ struct StrongSwanOptions {
     std::chrono::milliseconds lateLogQuiet{50};
     // Each blocking exchange of the stop path and of the end of the process.
     std::chrono::milliseconds stopTimeout{500};
+    // How long the requests of a stop that charon did not answer are kept
+    // open for it once this process is gone (ViciSyncClient::
+    // leaveOpenUntilAnswered).
+    std::chrono::milliseconds frozenRequestsHold{60000};
     // Blocking exchanges of save, remove and the service list, and the
     // requests that prepare a start.
     std::chrono::milliseconds configTimeout{3000};

@@ -7,11 +7,16 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <csignal>
+#include <cstdint>
 #include <cstring>
 #include <optional>
+#include <ctime>
 
 namespace platform::strongswan {
 
@@ -162,7 +167,7 @@ void ViciClient::startNext() {
                               return;
                           }
                           if (!self->queue_.empty() && self->queue_.front().id == id) {
-                              secureWipe(self->queue_.front().frame);
+                              os::wipeString(self->queue_.front().frame);
                           }
                           if (ec && self->open_) {
                               self->fail(fmt::format("write failed: {}", ec.message()), true);
@@ -278,7 +283,7 @@ void ViciClient::fail(const std::string& reason, bool notifyClosed) {
     std::deque<Operation> failed;
     failed.swap(queue_);
     for (auto& op : failed) {
-        secureWipe(op.frame);
+        os::wipeString(op.frame);
         if (op.handler) {
             ViciReply reply;
             reply.error = reason;
@@ -409,7 +414,7 @@ bool ViciSyncClient::write(ViciPacketType type, const std::string& name,
         error = encoded.error().text;
     }
     bool ok = encoded && writeAll(frame, deadline, error);
-    secureWipe(frame);
+    os::wipeString(frame);
     if (!ok) {
         closeSocket();
     }
@@ -423,6 +428,98 @@ Result<void> ViciSyncClient::send(const std::string& command, const ViciSection&
         return Error{error, NEVPNErrorConnectionFailed};
     }
     return {};
+}
+
+namespace {
+
+// In a child of a possibly threaded process: system calls only, no
+// allocation. Counts the frames charon sends until `answers` are complete,
+// the connection ends, or `limit` passes.
+[[noreturn]] void holdUntilAnswered(int fd, int answers, std::chrono::milliseconds limit) {
+    for (int signo : {SIGHUP, SIGINT, SIGTERM, SIGUSR1}) {
+        ::signal(signo, SIG_DFL);
+    }
+    sigset_t none;
+    sigemptyset(&none);
+    ::sigprocmask(SIG_SETMASK, &none, nullptr);
+    // Nothing of the caller's stays open here, above all not its output.
+    if (fd > 0) {
+        ::close_range(0, static_cast<unsigned>(fd) - 1, 0);
+    }
+    ::close_range(static_cast<unsigned>(fd) + 1, ~0U, 0);
+    timespec start{};
+    ::clock_gettime(CLOCK_MONOTONIC, &start);
+    unsigned char header[4];
+    std::size_t headerHave = 0;
+    std::uint64_t bodyLeft = 0;
+    char buffer[4096];
+    while (answers > 0) {
+        timespec now{};
+        ::clock_gettime(CLOCK_MONOTONIC, &now);
+        long long spent =
+            (now.tv_sec - start.tv_sec) * 1000LL + (now.tv_nsec - start.tv_nsec) / 1000000LL;
+        if (spent >= limit.count()) {
+            break;
+        }
+        pollfd pfd{fd, POLLIN, 0};
+        int ready = ::poll(&pfd, 1, static_cast<int>(limit.count() - spent));
+        if (ready < 0 && errno == EINTR) {
+            continue;
+        }
+        if (ready <= 0) {
+            break;
+        }
+        ssize_t got = ::recv(fd, buffer, sizeof buffer, MSG_DONTWAIT);
+        if (got < 0 && (errno == EAGAIN || errno == EINTR)) {
+            continue;
+        }
+        if (got <= 0) {
+            break;
+        }
+        for (ssize_t i = 0; i < got;) {
+            if (bodyLeft > 0) {
+                auto take = std::min<std::uint64_t>(bodyLeft, static_cast<std::uint64_t>(got - i));
+                bodyLeft -= take;
+                i += static_cast<ssize_t>(take);
+            } else {
+                header[headerHave++] = static_cast<unsigned char>(buffer[i++]);
+                if (headerHave < sizeof header) {
+                    continue;
+                }
+                headerHave = 0;
+                bodyLeft = (std::uint64_t{header[0]} << 24) | (std::uint64_t{header[1]} << 16) |
+                           (std::uint64_t{header[2]} << 8) | header[3];
+            }
+            if (bodyLeft == 0 && headerHave == 0) {
+                --answers;
+            }
+        }
+    }
+    ::_exit(0);
+}
+
+}  // namespace
+
+bool ViciSyncClient::leaveOpenUntilAnswered(int answers, std::chrono::milliseconds limit) {
+    if (fd_ < 0) {
+        return false;
+    }
+    // Twice, so that the holder belongs to nobody who would have to wait
+    // for it.
+    pid_t child = ::fork();
+    if (child < 0) {
+        return false;
+    }
+    if (child == 0) {
+        if (::fork() == 0) {
+            holdUntilAnswered(fd_, answers, limit);
+        }
+        ::_exit(0);
+    }
+    while (::waitpid(child, nullptr, 0) < 0 && errno == EINTR) {
+    }
+    closeSocket();
+    return true;
 }
 
 ViciReply ViciSyncClient::request(const std::string& command, const ViciSection& message,

@@ -12,6 +12,7 @@
 // must have gone out (or come back) before the caller returns; every wait
 // on it is bounded.
 
+#include "os/Memory.h"
 #include "platform/strongswan/Result.h"
 #include "platform/strongswan/ViciMessage.h"
 
@@ -106,7 +107,7 @@ private:
         std::string frame;
         ViciReplyHandler handler;
         std::chrono::milliseconds timeout{};
-        ~Operation() { secureWipe(frame); }
+        ~Operation() { os::wipeString(frame); }
         Operation() = default;
         Operation(Operation&&) = default;
         Operation& operator=(Operation&&) = default;
@@ -157,6 +158,13 @@ public:
     // the answer.
     Result<void> send(const std::string& command, const ViciSection& message,
                       Clock::time_point deadline);
+    // Leaves the connection, with the `answers` requests sent on it, to a
+    // process of its own that keeps it open until charon has answered them
+    // all or closed it, for at most `limit`, and returns at once. A frozen
+    // charon carries out what waits in its socket once it runs again, but
+    // drops a request whose connection it finds closed before the request's
+    // turn. False, the connection staying here, when no process can start.
+    bool leaveOpenUntilAnswered(int answers, std::chrono::milliseconds limit);
 
 private:
     ViciReply exchange(ViciPacketType type, const std::string& name, const ViciSection* message,

@@ -1,8 +1,8 @@
 #include "platform/strongswan/ViciMessage.h"
 
-#include <fmt/format.h>
+#include "os/Memory.h"
 
-#include <string.h>
+#include <fmt/format.h>
 
 #include <utility>
 
@@ -34,32 +34,24 @@ ViciSection& ViciSection::addSection(std::string name) {
     return entries_.back().section;
 }
 
-ViciSection& ViciSection::addSecret(std::string name, std::string_view secret) {
+ViciSection& ViciSection::addSecret(std::string name, const Secret& secret) {
     ViciEntry& entry = entries_.emplace_back();
     entry.kind = ViciEntry::Kind::Value;
     entry.name = std::move(name);
-    entry.value.assign(secret.data(), secret.size());
+    entry.value.assign(secret.view());
     return *this;
 }
 
 void ViciSection::wipe() {
     for (auto& entry : entries_) {
-        secureWipe(entry.name);
-        secureWipe(entry.value);
+        os::wipeString(entry.name);
+        os::wipeString(entry.value);
         for (auto& item : entry.items) {
-            secureWipe(item);
+            os::wipeString(item);
         }
         entry.section.wipe();
     }
     entries_.clear();
-}
-
-void secureWipe(std::string& text) {
-    // Growing to the capacity zero-fills the tail, which may still hold
-    // bytes of an earlier, longer content.
-    text.resize(text.capacity());
-    explicit_bzero(text.data(), text.size());
-    text.clear();
 }
 
 namespace {
@@ -404,11 +396,11 @@ std::size_t packetSize(ViciPacketType type, std::string_view name, const ViciSec
 }  // namespace
 
 Result<void> encodeViciPacket(const ViciPacket& packet, std::string& out) {
-    secureWipe(out);
+    os::wipeString(out);
     out.reserve(packetSize(packet.type, packet.name, packet.message));
     std::string error;
     if (!appendPacket(packet.type, packet.name, packet.message, out, error)) {
-        secureWipe(out);
+        os::wipeString(out);
         return Error{error};
     }
     return {};
@@ -453,12 +445,12 @@ Result<void> encodeViciFrame(const ViciPacket& packet, std::string& out) {
 Result<void> encodeViciFrame(ViciPacketType type, std::string_view name,
                              const ViciSection* message, std::string& out) {
     const ViciSection& body = message != nullptr ? *message : kEmptyMessage;
-    secureWipe(out);
+    os::wipeString(out);
     out.reserve(4 + packetSize(type, name, body));
     out.append(4, '\0');
     std::string error;
     if (!appendPacket(type, name, body, out, error)) {
-        secureWipe(out);
+        os::wipeString(out);
         return Error{error};
     }
     auto length = static_cast<std::uint32_t>(out.size() - 4);

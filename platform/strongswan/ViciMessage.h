@@ -7,6 +7,7 @@
 // them throws.
 
 #include "platform/strongswan/Result.h"
+#include "platform/Secret.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -36,7 +37,7 @@ public:
     // Adds a key/value whose value is a secret: the bytes are copied once,
     // straight into their final place, so no moved-from copy is left behind.
     // Call `reserve` first when more entries follow.
-    ViciSection& addSecret(std::string name, std::string_view secret);
+    ViciSection& addSecret(std::string name, const Secret& secret);
     void reserve(std::size_t entries);
     // Overwrites every name, value and list item with zeros, then empties
     // the section.
@@ -131,10 +132,6 @@ Result<void> encodeViciFrame(const ViciPacket& packet, std::string& out);
 // The same from the parts, so a caller's message need not be copied.
 Result<void> encodeViciFrame(ViciPacketType type, std::string_view name,
                              const ViciSection* message, std::string& out);
-
-// Zeros a string's whole buffer (the bytes past its length too), then
-// empties it.
-void secureWipe(std::string& text);
 
 // Cuts a byte stream into packets. Feed it what the socket gave; take
 // complete packets with `next`. A zero or oversized frame length poisons the

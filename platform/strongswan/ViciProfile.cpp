@@ -314,7 +314,7 @@ Result<ViciSection> buildLoadConn(const NEVPNProtocolIKEv2& protocol) {
     return message;
 }
 
-Result<ViciSection> buildLoadShared(std::string_view username, std::string_view password) {
+Result<ViciSection> buildLoadShared(std::string_view username, const Secret& password) {
     Result<std::string> owner = literalIdentity(username, "user name", kCharonOwnerLimit);
     if (!owner) {
         return owner.error();

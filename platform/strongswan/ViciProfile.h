@@ -45,7 +45,7 @@ Result<ViciSection> buildLoadConn(const NEVPNProtocolIKEv2& protocol);
 // The load-shared message for the EAP secret, owned by the user name. The
 // password is copied once into the message; wipe the message after sending
 // it. An error for a user name charon cannot take literally.
-Result<ViciSection> buildLoadShared(std::string_view username, std::string_view password);
+Result<ViciSection> buildLoadShared(std::string_view username, const Secret& password);
 
 ViciSection buildInitiate();
 ViciSection buildTerminate();

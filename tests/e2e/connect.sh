@@ -5,7 +5,8 @@
 # Disconnected) and ends with status 0, leaving no IKE_SA at the responder
 # and no EAP secret in the initiator's charon. The password shows
 # up in no log line (also with --verbose), no process's argv or environment,
-# and no file the tool writes. Topology: lab.sh.
+# no file the tool writes, and, once connected, not in the tool's memory.
+# Topology: lab.sh.
 #
 #   connect.sh PATH_TO_orvane-ikev2   exit 0 passed, 1 failed, 77 cannot run here
 set -u
@@ -15,7 +16,7 @@ here=$(cd "$(dirname "$0")" && pwd)
 # shellcheck source=harness.sh
 . "$here/harness.sh"
 
-suite_begin "${1:-}" 150
+suite_begin "${1:-}" 165
 
 CFG=$LAB_DIR/tool.conf
 tool_write_config "$CFG" "$LAB_LINK_RESP" "$LAB_USER" "$LAB_PASSWORD" "$LAB_SERVER_NAME"
@@ -105,6 +106,27 @@ case_password_never_leaks() {
   tunnel_cleared
 }
 
+# The tool's copy of the password goes once the secret is loaded into
+# charon: while connected its memory holds no 8 bytes of it in a row, though
+# it does hold the user name.
+case_no_piece_of_the_password_in_the_tools_memory() {
+  local user pieces n bytes
+  connect_up || return 1
+  lab_alive "$TOOL_PID" || { fail "the tool ended by itself while connected"; return 1; }
+  printf '%s\n' "$LAB_USER" >"$LAB_DIR/user.pattern"
+  user=$(memory_pieces "$TOOL_PID" 0 "$LAB_DIR/user.pattern")
+  pieces=$(memory_pieces "$TOOL_PID" 8 "$LAB_DIR/password.pattern")
+  run kill -TERM "$TOOL_PID"
+  tool_wait_exit 5 || return 1
+  read -r n bytes _ <<<"$user"
+  [ "${n:-0}" -ge 1 ] || { fail "the search did not find the user name the tool holds ($user)"; return 1; }
+  echo "ok: the user name found in the tool's memory ($bytes bytes read)"
+  read -r n bytes _ <<<"$pieces"
+  [ "${n:-x}" = 0 ] || { fail "pieces of the password in the tool's memory: $pieces"; return 1; }
+  echo "ok: no 8 bytes of the password in a row in the tool's memory ($bytes bytes read)"
+  tunnel_cleared
+}
+
 case_connect_again_after_stop() {
   # The profile and charon state the previous run left must not stop a new one.
   connect_up || return 1
@@ -126,5 +148,6 @@ t_case case_sigint "connect, ping through ipsec0, SIGINT: status 0, tunnel and s
 t_case case_sigusr1 "connect, ping through ipsec0, SIGUSR1: status 0, tunnel and secret gone"
 t_case case_sighup "connect, ping through ipsec0, SIGHUP (terminal closed): as SIGTERM"
 t_case case_password_never_leaks "the password is in no log line (--verbose), argv, environment or written file"
+t_case case_no_piece_of_the_password_in_the_tools_memory "once connected, the tool's memory holds no piece of the password"
 t_case case_connect_again_after_stop "two runs one after the other both connect"
 suite_end

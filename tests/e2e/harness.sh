@@ -252,6 +252,12 @@ t_reset() {
     lab_stop_charon resp
     lab_start_responder
   fi
+  # A case that ended the initiator's charon and failed before it started
+  # a new one leaves the next case without one.
+  if ! lab_alive "$LAB_INIT_PID"; then
+    lab_stop_charon init
+    lab_start_initiator >>"$LAB_DIR/lab.out" 2>&1
+  fi
   in_resp nft list table inet orvane_lab_drop >/dev/null 2>&1 && lab_unblock_responder
   in_init swanctl --terminate --ike "Orvane IKEv2" --force --timeout 2 >/dev/null 2>&1
   lab_resp_flush_sas
@@ -282,6 +288,43 @@ for pid in filter(str.isdigit, os.listdir("/proc")):
             except OSError:
                 comm = "?"
             print(pid, comm, what)
+PY
+}
+
+# memory_pieces PID WINDOW FILE: how many runs of WINDOW bytes of the words
+# in FILE (one a line) the readable memory of PID holds, then the bytes it
+# read and where the first run is. WINDOW 0 searches for whole words.
+memory_pieces() {
+  python3 - "$@" <<'PY'
+import re, sys
+pid, window, path = sys.argv[1], int(sys.argv[2]), sys.argv[3]
+words = [w.encode() for w in open(path).read().split("\n") if w]
+pieces = set()
+for w in words:
+    n = window or len(w)
+    pieces.update(w[i:i + n] for i in range(len(w) - n + 1))
+hits, read, first = 0, 0, "-"
+with open("/proc/%s/maps" % pid) as maps, open("/proc/%s/mem" % pid, "rb", 0) as mem:
+    for line in maps:
+        f = line.split()
+        name = f[5] if len(f) > 5 else ""
+        if f[1][0] != "r" or name in ("[vvar]", "[vvar_vclock]", "[vsyscall]"):
+            continue
+        start, end = (int(x, 16) for x in f[0].split("-"))
+        try:
+            mem.seek(start)
+            data = mem.read(end - start)
+        except (OSError, OverflowError, ValueError):
+            continue
+        read += len(data)
+        for p in pieces:
+            at = data.find(p)
+            while at >= 0:
+                if hits == 0:
+                    first = "%#x %s" % (start + at, name)
+                hits += 1
+                at = data.find(p, at + 1)
+print(hits, read, first)
 PY
 }
 

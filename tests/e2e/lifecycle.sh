@@ -28,6 +28,12 @@ init_has_secret() { [ -n "$(lab_vici_init get-shared)" ]; }
 resp_has_sa() { [ "$(lab_resp_sa_count)" -ge 1 ]; }
 init_one_established() { [ "$(lab_vici_init list-sas | grep -c ' ESTABLISHED')" = 1 ]; }
 
+# Processes running the tool's binary, one pid a line.
+tool_processes() {
+  find /proc/[0-9]*/exe -maxdepth 0 -lname "$(readlink -f "$TOOL")" 2>/dev/null | cut -d/ -f3
+}
+no_tool_process() { [ -z "$(tool_processes)" ]; }
+
 connected() {
   tool_start "$@"
   tool_wait_line "$MSG_CONNECTED" 15
@@ -169,7 +175,10 @@ case_frozen_charon_at_the_stop() {
   [ $rc -eq 0 ] || { fail "the tool did not end while charon was frozen"; return 1; }
   expect_eq "$TOOL_RC" 0 "status after SIGTERM" || return 1
   # what the stop left in charon's queue is carried out once it runs again
-  tunnel_cleared
+  tunnel_cleared || return 1
+  # and the connection kept open for it goes with charon's answers
+  wait_until 3 no_tool_process || { fail "processes of the tool are left: $(tool_processes | tr '\n' ' ')"; return 1; }
+  echo "ok: no process of the tool is left"
 }
 
 case_second_instance_leaves_the_first_alone() {

@@ -24,8 +24,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (!config) std::abort();  // the file exists, so it opens
     const std::string trimmed = " \t\"'";
     for (const auto& [key, value] : *config) {
-        if (!cli::isValidUTF8(key) || !cli::isValidUTF8(value)) std::abort();
-        for (const std::string& text : {key, value}) {
+        if (!cli::isValidUTF8(key.view()) || !cli::isValidUTF8(value.view())) std::abort();
+        for (const std::string_view text : {key.view(), value.view()}) {
             if (!text.empty() && (trimmed.find(text.front()) != std::string::npos ||
                                   trimmed.find(text.back()) != std::string::npos)) {
                 std::abort();

@@ -17,7 +17,7 @@ pattern+='|std::(v?format|format_to|format_to_n|formatted_size|pmr::|to_chars|fr
 pattern+='|std::chrono::(zoned_time|time_zone|tzdb|get_tzdb|current_zone|locate_zone|utc_clock|tai_clock|gps_clock|clock_cast|parse)'
 
 # Everything but the Linux-only folders.
-portable=(os/Process.h os/Pipe.h os/macos log cli connector tool platform/macos
+portable=(os/Process.h os/Pipe.h os/Memory.h os/macos log cli connector tool platform/macos
           tests/unit/os tests/unit/cli tests/unit/log tests/unit/platform/macos
           tests/unit/connector tests/unit/tool tests/unit/double)
 portable+=(platform/*.h platform/*.cpp tests/unit/platform/*.cpp)

@@ -49,7 +49,7 @@ class ConnectorTest : public ::testing::Test {
 
     static std::shared_ptr<OVConnectorIKEv2> makeConnector() {
         return recording(OVConnectorIKEv2::initWithServer(
-            std::string("203.0.113.7"), std::string("alice"), std::string("s3cret-pw")));
+            std::string("203.0.113.7"), std::string("alice"), platform::Secret("s3cret-pw")));
     }
 
     // Runs the loop in short slices until `done` or the time is up.

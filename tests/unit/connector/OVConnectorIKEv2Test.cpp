@@ -209,7 +209,7 @@ TEST_F(ConnectorTest, MissingPasswordAtTheStartExitsNonZeroBeforeAnyStartRequest
 
 TEST_F(ConnectorTest, MissingUserNameAtTheStartExitsNonZeroBeforeAnyStartRequest) {
     auto connector = recording(OVConnectorIKEv2::initWithServer(std::string("203.0.113.7"),
-                                                                std::nullopt, std::string("pw")));
+                                                                std::nullopt, platform::Secret("pw")));
     connector->connect();
     platform().completeLoad();
     StderrCapture capture;
@@ -304,9 +304,26 @@ TEST_F(ConnectorTest, SecondConnectRegistersASecondObserverAndRewritesTheProfile
     platform().fireStatus(NEVPNStatusConnecting);
     capture.restore();
     EXPECT_EQ(capture.messages(), (Lines{"IKEv2 Connecting", "IKEv2 Connecting"}));
+    // The first save queued a start; let it run so nothing is left pending.
+    runLoopUntil([] { return platform().startRequests().size() == 1; });
+}
+
+TEST_F(ConnectorTest, SecondStartFindsThePasswordGoneAndExitsOne) {
+    // The first start takes the password; a second one (two connects, which
+    // the tool never makes) has none left to send.
+    auto connector = makeConnector();
+    connector->connect();
+    platform().completeLoad();
     platform().completeSave();
-    // Both saves queued a start; let them run so nothing is left pending.
-    runLoopUntil([] { return platform().startRequests().size() == 2; });
+    connector->connect();
+    platform().completeLoad();
+    StderrCapture capture;
+    platform().completeSave();
+    ASSERT_TRUE(runLoopUntil([] { return finished().finished(); }));
+    capture.restore();
+    EXPECT_EQ(finished().statuses(), std::vector<int>{1});
+    EXPECT_EQ(platform().startRequests().size(), 1u);
+    EXPECT_EQ(capture.messages(), Lines{"IKEv2 Missing user name or password"});
 }
 
 TEST_F(ConnectorTest, ConnectRegistersForStatusChangesBeforeLoading) {

@@ -12,6 +12,14 @@ namespace {
 
 using Config = std::map<std::string, std::string>;
 
+Config plain(const ConfigDictionary& config) {
+    Config text;
+    for (const auto& [key, value] : config) {
+        text.emplace(key.view(), value.view());
+    }
+    return text;
+}
+
 class ParseConfigTest : public ::testing::Test {
   protected:
     static void SetUpTestSuite() { DDLog::addTTYLogger(); }
@@ -33,7 +41,7 @@ class ParseConfigTest : public ::testing::Test {
         write(bytes);
         auto config = ParseConfig(path_);
         EXPECT_TRUE(config.has_value());
-        return config.value_or(Config{});
+        return config ? plain(*config) : Config{};
     }
 
     std::string path_;
@@ -183,8 +191,8 @@ TEST_F(ParseConfigTest,
 }
 
 TEST_F(ParseConfigTest, InitWithServerStoresTheValuesAsGiven) {
-    const auto connector =
-        OVConnectorIKEv2::initWithServer(std::string(" 10.0.0.1 "), std::nullopt, std::string(""));
+    const auto connector = OVConnectorIKEv2::initWithServer(std::string(" 10.0.0.1 "), std::nullopt,
+                                                            platform::Secret(""));
     EXPECT_EQ(connector->server(), " 10.0.0.1 ");
     EXPECT_EQ(connector->username(), std::nullopt);
     EXPECT_EQ(connector->password(), std::optional<std::string>(""));

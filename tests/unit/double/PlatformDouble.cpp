@@ -314,7 +314,11 @@ OptionalError ScriptedPlatform::requestStart(const NEVPNStartOptions& options) {
     calls_.push_back("start");
     record(fmt::format("start username={} password-length={}", options.username,
                        options.password.size()));
-    startRequests_.push_back(options);
+    // The tool's test build keeps no copy, as a backend must not: its memory
+    // is searched for the password while it runs.
+    if (!script_.autoAnswer) {
+        startRequests_.push_back({options.username, Secret(options.password.view())});
+    }
     if (script_.startError) {
         return script_.startError;
     }

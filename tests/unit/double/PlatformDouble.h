@@ -82,6 +82,7 @@ class ScriptedPlatform {
     // What was asked, in order: "load", "save", "remove", "start", "stop".
     const std::vector<std::string>& calls() const { return calls_; }
     const std::vector<SavedProfile>& saved() const { return saved_; }
+    // Copies of the start options (none in script mode); reset() wipes them.
     const std::vector<NEVPNStartOptions>& startRequests() const { return startRequests_; }
     int stopCount() const { return stopCount_; }
     const std::vector<std::optional<SystemClock::time_point>>& fetchRequests() const {

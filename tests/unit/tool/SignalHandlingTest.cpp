@@ -38,7 +38,7 @@ class SignalHandlingTest : public ::testing::Test {
     // A connector whose tunnel start has gone out.
     static void startConnector() {
         connector = OVConnectorIKEv2::initWithServer(std::string("203.0.113.7"),
-                                                     std::string("alice"), std::string("pw"));
+                                                     std::string("alice"), platform::Secret("pw"));
         connector->connect();
         platform().completeLoad();
         platform().completeSave();

@@ -17,6 +17,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -59,6 +60,9 @@ class ToolProcess {
         std::ofstream(path(name), std::ios::binary | std::ios::trunc) << text;
     }
 
+    // Runs in the child just before the tool is executed.
+    void setBeforeExec(std::function<void()> prepare) { beforeExec_ = std::move(prepare); }
+
     using Stdio = ToolStdio;
 
     void start(const std::vector<std::string>& arguments, const Stdio& stdio = ToolStdio()) {
@@ -90,6 +94,9 @@ class ToolProcess {
             ::sigprocmask(SIG_SETMASK, &none, nullptr);
             for (int signo : {SIGINT, SIGTERM, SIGUSR1, SIGHUP, SIGPIPE}) {
                 ::signal(signo, SIG_DFL);
+            }
+            if (beforeExec_) {
+                beforeExec_();
             }
             std::vector<char*> argv;
             for (std::string& word : argvText) {
@@ -135,6 +142,7 @@ class ToolProcess {
     }
 
     void signal(int signo) const { ::kill(pid_, signo); }
+    pid_t pid() const { return pid_; }
     // Sends `signo` just after the tool went to sleep again, which an idle
     // tool does at the start of each 0.5 s slice of its run loop: what the
     // signal sets off then has the whole slice to be seen.
@@ -203,6 +211,7 @@ class ToolProcess {
     int termSignal_ = 0;
     Clock::time_point startedAt_;
     Clock::time_point exitedAt_;
+    std::function<void()> beforeExec_;
 };
 
 }  // namespace testing_support

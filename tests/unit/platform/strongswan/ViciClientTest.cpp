@@ -4,10 +4,15 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <poll.h>
 #include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 #include <cerrno>
-
+#include <cstdlib>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -347,6 +352,122 @@ TEST_F(ViciClientTest, SyncSendReturnsOnceWritten) {
     server.on("terminate", [](Link&, const ViciSection&) {});
     ASSERT_TRUE(sync.send("terminate", kv("ike", "x"), ss::ViciSyncClient::Clock::now() + 500ms));
     EXPECT_TRUE(server.waitFor([&] { return server.requests("terminate").size() == 1; }, 1000ms));
+}
+
+// A charon that is frozen: its socket listens, nobody accepts or reads yet.
+class FrozenCharon {
+public:
+    FrozenCharon() {
+        char dir[] = "/tmp/orvane-frozen-XXXXXX";
+        dir_ = ::mkdtemp(dir);
+        path_ = dir_ + "/charon.vici";
+        listener_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::strcpy(address.sun_path, path_.c_str());
+        EXPECT_EQ(::bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        EXPECT_EQ(::listen(listener_, 3), 0);
+    }
+    ~FrozenCharon() {
+        ::close(listener_);
+        ::unlink(path_.c_str());
+        ::rmdir(dir_.c_str());
+    }
+    const std::string& path() const { return path_; }
+    // Runs again: takes the waiting connection.
+    int resume() { return ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC); }
+
+private:
+    std::string dir_;
+    std::string path_;
+    int listener_ = -1;
+};
+
+// Whether `fd` becomes readable within `limit`.
+bool readableWithin(int fd, std::chrono::milliseconds limit) {
+    pollfd pfd{fd, POLLIN, 0};
+    return ::poll(&pfd, 1, static_cast<int>(limit.count())) == 1;
+}
+
+// The names of the next `count` requests on `fd`, each awaited for `limit`.
+std::vector<std::string> readRequests(int fd, std::size_t count, std::chrono::milliseconds limit) {
+    std::vector<std::string> names;
+    ss::ViciFrameReader reader;
+    std::string body;
+    std::string error;
+    char buffer[4096];
+    while (names.size() < count) {
+        if (reader.next(body, error) == ss::ViciFrameReader::Result::Packet) {
+            auto packet = ss::decodeViciPacket(body);
+            EXPECT_TRUE(packet) << (packet ? "" : packet.error().text);
+            names.push_back(packet ? packet->name : std::string());
+            continue;
+        }
+        if (!readableWithin(fd, limit)) {
+            break;
+        }
+        ssize_t got = ::recv(fd, buffer, sizeof buffer, 0);
+        if (got <= 0) {
+            break;
+        }
+        reader.feed(std::string_view(buffer, static_cast<std::size_t>(got)));
+    }
+    return names;
+}
+
+void answer(int fd) {
+    ViciSection ok = kv("success", "yes");
+    std::string frame = frameOf(ViciPacketType::CmdResponse, {}, &ok);
+    ASSERT_EQ(::send(fd, frame.data(), frame.size(), MSG_NOSIGNAL),
+              static_cast<ssize_t>(frame.size()));
+}
+
+// The other end has closed: readable, and nothing more to read.
+bool closedWithin(int fd, std::chrono::milliseconds limit) {
+    char byte;
+    return readableWithin(fd, limit) && ::recv(fd, &byte, 1, MSG_DONTWAIT) == 0;
+}
+
+void leaveTwoRequests(const std::string& path, std::chrono::milliseconds limit) {
+    ss::ViciSyncClient sync(path);
+    ASSERT_TRUE(sync.connect());
+    auto deadline = ss::ViciSyncClient::Clock::now() + 500ms;
+    ASSERT_TRUE(sync.send("unload-shared", kv("id", "x"), deadline));
+    ASSERT_TRUE(sync.send("terminate", kv("ike", "x"), deadline));
+    ASSERT_TRUE(sync.leaveOpenUntilAnswered(2, limit));
+}
+
+TEST_F(ViciClientTest, RequestsLeftToAFrozenCharonKeepTheirConnectionUntilAnswered) {
+    FrozenCharon charon;
+    int output[2];
+    ASSERT_EQ(::pipe(output), 0);
+    leaveTwoRequests(charon.path(), 10s);
+    // The caller's own descriptors are not held by what keeps the connection.
+    ::close(output[1]);
+    char byte;
+    EXPECT_TRUE(readableWithin(output[0], 5000ms) && ::read(output[0], &byte, 1) == 0);
+    ::close(output[0]);
+
+    int link = charon.resume();
+    ASSERT_GE(link, 0);
+    EXPECT_EQ(readRequests(link, 2, 5000ms),
+              (std::vector<std::string>{"unload-shared", "terminate"}));
+    EXPECT_FALSE(closedWithin(link, 200ms)) << "closed before the first answer";
+    answer(link);
+    EXPECT_FALSE(closedWithin(link, 200ms)) << "closed before the second answer";
+    answer(link);
+    EXPECT_TRUE(closedWithin(link, 5000ms)) << "still held once both were answered";
+    ::close(link);
+}
+
+TEST_F(ViciClientTest, RequestsLeftToACharonThatNeverAnswersAreLetGoAfterTheLimit) {
+    FrozenCharon charon;
+    leaveTwoRequests(charon.path(), 300ms);
+    int link = charon.resume();
+    ASSERT_GE(link, 0);
+    EXPECT_EQ(readRequests(link, 2, 5000ms).size(), 2u);
+    EXPECT_TRUE(closedWithin(link, 5000ms));
+    ::close(link);
 }
 
 }  // namespace

@@ -150,7 +150,7 @@ TEST(ViciProfileTest, ConfigurationValuesReachCharonLiterally) {
     EXPECT_EQ(conn.section("local")->get("id"), "email:@alice");
     EXPECT_EQ(conn.section("local")->get("eap_id"), "email:@alice");
 
-    ViciSection shared = built(ss::buildLoadShared("@alice", "pw"));
+    ViciSection shared = built(ss::buildLoadShared("@alice", platform::Secret("pw")));
     EXPECT_EQ(*shared.list("owners"), std::vector<std::string>{"email:@alice"});
 }
 
@@ -179,7 +179,7 @@ TEST(ViciProfileTest, ValuesCharonWouldReadMoreIntoAreRefused) {
     p.remoteIdentifier.reset();
     EXPECT_EQ(refusal(ss::buildLoadConn(p)), "no remote identifier");
 
-    EXPECT_NE(refusal(ss::buildLoadShared(std::string(300, 'a'), "pw")).find("too long"),
+    EXPECT_NE(refusal(ss::buildLoadShared(std::string(300, 'a'), platform::Secret("pw"))).find("too long"),
               std::string::npos);
 }
 
@@ -278,7 +278,7 @@ TEST(ViciProfileTest, RefusesWhatCharonCouldNotUse) {
 }
 
 TEST(ViciProfileTest, ControlMessages) {
-    ViciSection shared = built(ss::buildLoadShared("alice", "s3cret pass"));
+    ViciSection shared = built(ss::buildLoadShared("alice", platform::Secret("s3cret pass")));
     EXPECT_EQ(shared.get("id"), "orvane-ikev2-eap");
     EXPECT_EQ(shared.get("type"), "EAP");
     EXPECT_EQ(shared.get("data"), "s3cret pass");
