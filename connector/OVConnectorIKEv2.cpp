@@ -1,10 +1,9 @@
 #include "connector/OVConnectorIKEv2.h"
 
 #include "log/DDLog.h"
+#include "platform/NilText.h"
 #include "platform/RunLoop.h"
 
-#include <chrono>
-#include <cstdlib>
 
 using namespace platform;
 
@@ -82,15 +81,18 @@ void OVConnectorIKEv2::createConnection() {
 void OVConnectorIKEv2::loadCompleted(const OptionalError& error) {
     if (error) {
         DDLogError("IKEv2 Error loading configurations: {}", error->description);
-        std::exit(1);
+        finish_(1);
+        return;
     }
     if (checkOnly_) {
         if (vpnManager_->protocolConfiguration()) {
             DDLogInfo("IKEv2 configuration already exists");
-            std::exit(0);
+            finish_(0);
+            return;
         }
         DDLogInfo("IKEv2 configuration doesn't exist");
-        std::exit(2);
+        finish_(2);
+        return;
     }
 
     NEVPNProtocolIKEv2 protocol;
@@ -125,14 +127,16 @@ void OVConnectorIKEv2::loadCompleted(const OptionalError& error) {
 void OVConnectorIKEv2::saveCompleted(const OptionalError& error) {
     if (error) {
         DDLogInfo("IKEv2 Error saving configurations: {}", error->description);
-        std::exit(static_cast<int>(error->code));
+        finish_(static_cast<int>(error->code));
+        return;
     }
     DDLogDebug("IKEv2 Configuration saved!");
     if (createOnly_) {
-        std::exit(0);
+        finish_(0);
+        return;
     }
     auto self = shared_from_this();
-    RunLoop::main().dispatchAfter(std::chrono::nanoseconds(500000000),
+    RunLoop::main().dispatchAfter(kTunnelStartDelay,
                                   [self, error] { self->startTunnel(error); });
 }
 
@@ -141,7 +145,8 @@ void OVConnectorIKEv2::startTunnel(const OptionalError& saveError) {
     connectingDate_ = SystemClock::now();
     if (!username_ || !password_) {
         DDLogError("IKEv2 Missing user name or password");
-        std::exit(1);
+        finish_(1);
+        return;
     }
     OptionalError startError;
     {
@@ -161,8 +166,8 @@ void OVConnectorIKEv2::startTunnel(const OptionalError& saveError) {
         // Deliberately the save handler's error, not the start error.
         DDLogInfo(
             "IKEv2 Error starting vpn tunnel: {}",
-            saveError ? std::string_view(saveError->description) : std::string_view("(null)"));
-        std::exit(1);
+            saveError ? std::string_view(saveError->description) : kNilText);
+        finish_(1);
     }
 }
 

@@ -4,23 +4,27 @@
 // tunnel. `connect` writes the profile through the platform's VPN manager
 // and starts the tunnel with the credentials as start options; status
 // notifications then drive it until the tunnel goes down. Every failure,
-// and the end of the check, create and tunnel runs, ends the process with
-// exit() and the status the tool's controller expects.
+// and the end of the check, create and tunnel runs, hands the status the
+// tool's controller expects to the connector's Finish.
 
+#include "connector/Finish.h"
 #include "platform/NEVPN.h"
 #include "platform/Secret.h"
 
+#include <chrono>
 #include <cstddef>
 #include <functional>
 #include <map>
 #include <memory>
 #include <optional>
 #include <string>
-#include <string_view>
 
 // The service's default remote identifier, used when the configuration
 // names none.
 inline constexpr const char* kDefaultRemoteID = "vpn.orvane.net";
+
+// The tunnel start is queued this long after the profile is saved.
+inline constexpr std::chrono::nanoseconds kTunnelStartDelay{500000000};
 
 // Configuration files larger than this are refused (1 MiB).
 inline constexpr std::size_t kMaxConfigFileSize = 1024 * 1024;
@@ -38,11 +42,6 @@ std::optional<ConfigDictionary> ParseConfig(const std::string& path);
 
 // The log text of a status ("IKEv2 Connected", ...).
 std::string NSStringFromNEVPNStatus(platform::NEVPNStatus status);
-
-// Absent text as a format argument prints as "(null)".
-inline std::string_view orNull(const std::optional<std::string>& text) {
-    return text ? std::string_view(*text) : std::string_view("(null)");
-}
 
 class OVConnectorIKEv2 : public std::enable_shared_from_this<OVConnectorIKEv2> {
   public:
@@ -94,6 +93,10 @@ class OVConnectorIKEv2 : public std::enable_shared_from_this<OVConnectorIKEv2> {
     const OptionalString& lastDisconnectError() const { return lastDisconnectError_; }
     void setLastDisconnectError(OptionalString value) { lastDisconnectError_ = std::move(value); }
 
+    // Where the run ends (finishProcess unless set); nothing more is asked
+    // of the platform after it is called.
+    void setFinish(Finish finish) { finish_ = std::move(finish); }
+
   private:
     OVConnectorIKEv2(OptionalString server, OptionalString username, OptionalSecret password);
 
@@ -114,4 +117,5 @@ class OVConnectorIKEv2 : public std::enable_shared_from_this<OVConnectorIKEv2> {
     platform::NEVPNManager* vpnManager_ = nullptr;
     std::optional<TimePoint> connectingDate_;
     OptionalString lastDisconnectError_;
+    Finish finish_ = finishProcess;
 };

@@ -1,9 +1,8 @@
 #include "connector/OVConnectorIKEv2.h"
 
 #include "log/DDLog.h"
+#include "platform/NilText.h"
 #include "platform/ServiceChoice.h"
-
-#include <cstdlib>
 
 using namespace platform;
 
@@ -22,10 +21,12 @@ void OVConnectorIKEv2::vpnStatusChanged() {
                 lastDisconnectError_ = fetchLastDisconnectError();
             }
             if (lastDisconnectError_ && lastDisconnectError_->empty()) {
-                std::exit(0);
+                finish_(0);
+                return;
             }
             DDLogInfo("IKEv2 Last disconnect error: {}", orNull(lastDisconnectError_));
-            std::exit(1);
+            finish_(1);
+            return;
         case NEVPNStatusReasserting:
             disconnectWithError(std::string("Reconnect needed"));
             break;

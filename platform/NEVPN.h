@@ -26,6 +26,9 @@ namespace platform {
 // The profile's name: its localized description, the name of the network
 // service that carries it, and charon's connection name on Linux.
 inline constexpr const char* kVPNProfileName = "Orvane IKEv2";
+// The tunnel's interface when no network service carries the profile's
+// name (with kernel-libipsec on Linux, its TUN device).
+inline constexpr const char* kDefaultTunnelInterface = "ipsec0";
 
 enum NEVPNStatus : std::int64_t {
     NEVPNStatusInvalid = 0,

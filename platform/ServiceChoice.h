@@ -14,9 +14,6 @@
 
 namespace platform {
 
-// The answer when no service carries the profile's name.
-inline constexpr const char* kDefaultTunnelInterface = "ipsec0";
-
 // The interface name of the first service named exactly `serviceName`
 // (none when that service's interface has no BSD name), or
 // kDefaultTunnelInterface when no service has that name or `services` is

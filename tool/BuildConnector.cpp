@@ -6,8 +6,9 @@
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
+
+namespace tool {
 
 namespace {
 
@@ -26,14 +27,15 @@ RunMode run_mode(const cli::GBSettings& settings) {
 }
 
 std::shared_ptr<OVConnectorIKEv2> build_connector(const cli::GBSettings& settings,
-                                                  const RunMode& mode) {
+                                                  const RunMode& mode, const Finish& finish) {
     const cli::Value config = settings.objectForKey("config");
     if (!config.isNil()) {
         // Used verbatim: a relative path is taken from the working directory.
         const std::string path = config.description();
         if (!fileExistsAtPath(path)) {
             DDLogError("Config file {} doesn't exist!", path);
-            std::exit(1);
+            finish(1);
+            return nullptr;
         }
         // The file holds the password: the process's memory is closed to
         // others before it is read.
@@ -41,7 +43,8 @@ std::shared_ptr<OVConnectorIKEv2> build_connector(const cli::GBSettings& setting
             const int error = errno;
             DDLogError("Cannot keep the password out of reach of other processes: {}",
                        std::strerror(error));
-            std::exit(1);
+            finish(1);
+            return nullptr;
         }
         return OVConnectorIKEv2::initWithConfigFile(path);
     }
@@ -52,5 +55,8 @@ std::shared_ptr<OVConnectorIKEv2> build_connector(const cli::GBSettings& setting
                                                 platform::Secret());
     }
     DDLogError("Must provide a config file to start vpn tunnel!");
-    std::exit(1);
+    finish(1);
+    return nullptr;
 }
+
+}  // namespace tool

@@ -17,6 +17,8 @@
 
 using platform::RunLoop;
 
+namespace tool {
+
 namespace {
 
 // Standard error is a pipe or a socket, whose reader can go away.
@@ -53,3 +55,5 @@ void tend_controller() {
         RunLoop::wakeForSignal(SIGPIPE);
     }
 }
+
+}  // namespace tool

@@ -3,7 +3,7 @@
 #include "cli/GBCommandLineParser.h"
 #include "cli/GBOptionsHelper.h"
 
-#include <cstdlib>
+namespace tool {
 
 void register_tool_options(cli::GBOptionsHelper& options) {
     using cli::GBValueNone;
@@ -22,7 +22,9 @@ void register_tool_options(cli::GBOptionsHelper& options) {
                            GBValueNone);
 }
 
-cli::GBSettingsRef parse_args(int argc, char** argv) {
+}  // namespace tool
+
+cli::GBSettingsRef parse_args(int argc, char** argv, const Finish& finish) {
     // A level without storage: both defaults are lost on purpose, so no
     // configuration file name is in effect unless --config gives one.
     auto defaults = std::make_shared<cli::GBSettings>();
@@ -33,7 +35,7 @@ cli::GBSettingsRef parse_args(int argc, char** argv) {
 
     auto parser = std::make_shared<cli::GBCommandLineParser>();
     cli::GBOptionsHelper options;
-    register_tool_options(options);
+    tool::register_tool_options(options);
 
     parser->registerOptions(options);
     parser->registerSettings(settings);
@@ -42,5 +44,6 @@ cli::GBSettingsRef parse_args(int argc, char** argv) {
         return settings;
     }
     options.printHelp();
-    std::exit(1);
+    finish(1);
+    return nullptr;
 }

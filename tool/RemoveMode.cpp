@@ -4,27 +4,34 @@
 #include "platform/NEVPN.h"
 #include "platform/RunLoop.h"
 
-#include <cstdlib>
-
 using namespace platform;
 
-void run_remove_mode() {
+namespace tool {
+
+void run_remove_mode(const Finish& finish) {
+    const auto done = [finish](int status) {
+        finish(status);
+        RunLoop::main().stop();
+    };
     NEVPNManager& manager = NEVPNManager::sharedManager();
-    manager.loadFromPreferences([&manager](const OptionalError& loadError) {
+    manager.loadFromPreferences([&manager, done](const OptionalError& loadError) {
         if (loadError) {
             DDLogError("IKEv2 Error loading configurations: {}", loadError->description);
-            std::exit(1);
+            done(1);
+            return;
         }
         if (!manager.protocolConfiguration()) {
-            std::exit(0);
+            done(0);
+            return;
         }
-        manager.removeFromPreferences([](const OptionalError& removeError) {
-            if (!removeError) {
-                std::exit(0);
+        manager.removeFromPreferences([done](const OptionalError& removeError) {
+            if (removeError) {
+                DDLogError("IKEv2 Error removing configurations: {}", removeError->description);
             }
-            DDLogError("IKEv2 Error removing configurations: {}", removeError->description);
-            std::exit(1);
+            done(removeError ? 1 : 0);
         });
     });
     RunLoop::main().run();
 }
+
+}  // namespace tool

@@ -15,6 +15,8 @@ void sig_handler(int signal) {
     platform::RunLoop::wakeForSignal(signal);
 }
 
+namespace tool {
+
 namespace {
 
 bool tunnelDown() {
@@ -48,8 +50,10 @@ void handle_signal(int signal) {
     stopOnceTheTunnelIsDown();
 }
 
+}  // namespace tool
+
 void register_signal_handlers() {
-    platform::RunLoop::main().watchSignals(handle_signal);
+    platform::RunLoop::main().watchSignals(tool::handle_signal);
     struct sigaction action {};
     action.sa_handler = sig_handler;
     sigemptyset(&action.sa_mask);

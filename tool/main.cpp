@@ -6,21 +6,23 @@
 #include <chrono>
 
 int main(int argc, char** argv) {
-    make_standard_descriptors_valid();
-    watch_controller();
+    tool::make_standard_descriptors_valid();
+    tool::watch_controller();
     DDLog::addTTYLogger();
 
-    const cli::GBSettingsRef settings = parse_args(argc, argv);
+    // Every way out of the process below goes through finishProcess.
+    const cli::GBSettingsRef settings = parse_args(argc, argv, finishProcess);
     if (settings->boolForKey("verbose")) {
         ddLogLevel = DDLogLevelVerbose;
     }
     if (settings->boolForKey("remove")) {
-        run_remove_mode();
+        tool::run_remove_mode(finishProcess);
     }
     register_signal_handlers();
 
-    const RunMode mode = run_mode(*settings);
-    connector = build_connector(*settings, mode);
+    const tool::RunMode mode = tool::run_mode(*settings);
+    connector = tool::build_connector(*settings, mode, finishProcess);
+    connector->setFinish(finishProcess);
     connector->setCheckOnly(mode.checkOnly);
     connector->setCreateOnly(mode.createOnly);
     connector->connect();
@@ -30,8 +32,8 @@ int main(int argc, char** argv) {
     auto& loop = platform::RunLoop::main();
     loop.deliverPendingSignals();
     while (!terminated) {
-        loop.runUntil(platform::RunLoop::Clock::now() + std::chrono::milliseconds(500));
-        tend_controller();
+        loop.runUntil(platform::RunLoop::Clock::now() + tool::kRunLoopSlice);
+        tool::tend_controller();
     }
     return 0;
 }

@@ -69,7 +69,7 @@ void ParseArguments(benchmark::State& state) {
 
     for (auto _ : state) {
         GBOptionsHelper options;
-        register_tool_options(options);
+        tool::register_tool_options(options);
         auto parser = std::make_shared<GBCommandLineParser>();
         parser->registerOptions(options);
         parser->registerSettings(GBSettings::settingsWithName("Current", nullptr));

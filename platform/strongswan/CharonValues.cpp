@@ -100,15 +100,13 @@ std::string quotedValue(std::string_view value) {
     return out;
 }
 
-bool literalServerAddress(std::string_view value, std::string& out, std::string& error) {
+Result<std::string> literalServerAddress(std::string_view value) {
     auto refuse = [&](std::string_view why) {
-        error = fmt::format("server address {} {}; give one address or DNS name",
-                            quotedValue(value), why);
-        return false;
+        return Error{fmt::format("server address {} {}; give one address or DNS name",
+                                 quotedValue(value), why)};
     };
     if (value.empty()) {
-        error = "no server address";
-        return false;
+        return Error{"no server address"};
     }
     if (!printableAscii(value)) {
         return refuse(
@@ -130,20 +128,17 @@ bool literalServerAddress(std::string_view value, std::string& out, std::string&
     if (isUnspecifiedAddress(value)) {
         return refuse("is the wildcard address");
     }
-    out = std::string(value);
-    return true;
+    return std::string(value);
 }
 
-bool literalIdentity(std::string_view value, std::string_view what, std::size_t limit,
-                     std::string& out, std::string& error) {
+Result<std::string> literalIdentity(std::string_view value, std::string_view what,
+                                    std::size_t limit) {
     if (value.empty()) {
-        error = fmt::format("no {}", what);
-        return false;
+        return Error{fmt::format("no {}", what)};
     }
     if (value.front() == '*') {
-        error = fmt::format("{} {} starts with '*', which charon takes for a wildcard", what,
-                            quotedValue(value));
-        return false;
+        return Error{fmt::format("{} {} starts with '*', which charon takes for a wildcard", what,
+                                 quotedValue(value))};
     }
     int family = 0;
     std::string address = ipBytes(value, family);
@@ -161,12 +156,10 @@ bool literalIdentity(std::string_view value, std::string_view what, std::size_t 
         }
     }
     if (spelled.size() > limit) {
-        error = fmt::format("{} {} is too long for charon ({} bytes)", what, quotedValue(value),
-                            value.size());
-        return false;
+        return Error{fmt::format("{} {} is too long for charon ({} bytes)", what,
+                                 quotedValue(value), value.size())};
     }
-    out = std::move(spelled);
-    return true;
+    return spelled;
 }
 
 }  // namespace platform::strongswan

@@ -9,6 +9,8 @@
 // distinguished name and ':' a key id. Values that have a literal spelling
 // are written in it; the rest are refused with a message that quotes them.
 
+#include "platform/strongswan/Result.h"
+
 #include <cstddef>
 #include <string>
 #include <string_view>
@@ -23,7 +25,7 @@ inline constexpr std::size_t kCharonOwnerLimit = 255;
 // The server address as one `remote_addrs` item: one address or DNS name.
 // Lists, subnets, ranges, wildcards and characters charon refuses are
 // errors.
-bool literalServerAddress(std::string_view value, std::string& out, std::string& error);
+Result<std::string> literalServerAddress(std::string_view value);
 
 // An identity with its type spelled out: an IP address as that address,
 // a value holding '@' as an e-mail address, anything else as a DNS name,
@@ -31,8 +33,8 @@ bool literalServerAddress(std::string_view value, std::string& out, std::string&
 // error ("remote identifier", "user name"); `limit` is the longest
 // spelling charon keeps. A leading '*' (a wildcard to charon) and an empty
 // value are errors.
-bool literalIdentity(std::string_view value, std::string_view what, std::size_t limit,
-                     std::string& out, std::string& error);
+Result<std::string> literalIdentity(std::string_view value, std::string_view what,
+                                    std::size_t limit);
 
 // `value` in single quotes for a message, control characters as \xNN.
 std::string quotedValue(std::string_view value);

@@ -4,6 +4,7 @@
 
 #include <iterator>
 #include <memory>
+#include <string>
 #include <vector>
 
 namespace platform::strongswan {
@@ -13,6 +14,11 @@ namespace {
 struct Rule {
     const char* pattern;
     const char* reason;  // empty: the pattern's first group, prefixed below
+    // The line shows the server's certificate chain was not trusted; when
+    // one came first, a later "no trusted public key" line is about trust,
+    // not about the identity, and the earlier line says why (not trusted,
+    // or revoked).
+    bool trustFailure = false;
 };
 
 // First match wins within a line, so specific patterns come before the
@@ -29,11 +35,12 @@ constexpr Rule kRules[] = {
     {R"(local authentication failed)", "authentication failed"},
     // The server's certificate or identity.
     {R"(constraint check failed: identity '.*' required)", "server identity mismatch"},
-    {R"(constraint check failed: peer not authenticated by CA)", "server certificate not trusted"},
+    {R"(constraint check failed: peer not authenticated by CA)", "server certificate not trusted",
+     true},
     {R"(constraint check failed: RULE_(CRL|OCSP)_VALIDATION)",
      "server certificate revocation check failed"},
-    {R"(certificate was revoked)", "server certificate revoked"},
-    {R"(no issuer certificate found for)", "server certificate not trusted"},
+    {R"(certificate was revoked)", "server certificate revoked", true},
+    {R"(no issuer certificate found for)", "server certificate not trusted", true},
     // Without a trust failure before it, a trusted certificate simply does
     // not hold the identity asked for (see lastReason).
     {R"(no trusted \w+ public key found for)", "server identity mismatch"},
@@ -80,13 +87,6 @@ constexpr const char* kSilentEnds[] = {
     R"(establishing CHILD_SA .* failed)",
 };
 
-// Lines that show the server's certificate chain was not trusted; when one
-// of them came first, a later "no trusted public key" line is about trust,
-// not about the identity, and the earlier line says why (not trusted, or
-// revoked).
-constexpr const char* kTrustFailure =
-    R"(no issuer certificate found for|constraint check failed: peer not authenticated by CA|)"
-    R"(certificate was revoked)";
 constexpr const char* kTrustReason = "server certificate not trusted";
 constexpr const char* kIdentityReason = "server identity mismatch";
 
@@ -97,7 +97,15 @@ constexpr const char* kCertificateReceived = R"(received end entity cert)";
 constexpr const char* kNoCertificateReason = "server sent no certificate";
 
 const RE2& trustFailure() {
-    static const RE2 compiled(kTrustFailure);
+    static const RE2 compiled([] {
+        std::string alternatives;
+        for (const Rule& rule : kRules) {
+            if (rule.trustFailure) {
+                alternatives += (alternatives.empty() ? "" : "|") + std::string(rule.pattern);
+            }
+        }
+        return alternatives;
+    }());
     return compiled;
 }
 

@@ -11,6 +11,14 @@
 
 namespace platform::strongswan {
 
+namespace {
+
+Error lockError(std::string text) {
+    return Error{std::move(text), NEVPNErrorConfigurationReadWriteFailed};
+}
+
+}  // namespace
+
 ProfileLock::ProfileLock(std::string path) : path_(std::move(path)) {}
 
 ProfileLock::~ProfileLock() {
@@ -19,14 +27,13 @@ ProfileLock::~ProfileLock() {
     }
 }
 
-bool ProfileLock::acquire(std::string& error) {
+Result<void> ProfileLock::acquire() {
     if (fd_ >= 0) {
-        return true;
+        return {};
     }
     const int fd = ::open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
     if (fd < 0) {
-        error = fmt::format("cannot open the lock {}: {}", path_, std::strerror(errno));
-        return false;
+        return lockError(fmt::format("cannot open the lock {}: {}", path_, std::strerror(errno)));
     }
     if (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
         const int err = errno;
@@ -34,15 +41,12 @@ bool ProfileLock::acquire(std::string& error) {
         const ssize_t n = ::pread(fd, holder, sizeof holder - 1, 0);
         ::close(fd);
         if (err != EWOULDBLOCK) {
-            error = fmt::format("cannot lock {}: {}", path_, std::strerror(err));
-            return false;
+            return lockError(fmt::format("cannot lock {}: {}", path_, std::strerror(err)));
         }
         std::string pid = n > 0 ? std::string(holder, static_cast<std::size_t>(n)) : "";
         pid = pid.substr(0, pid.find_first_not_of("0123456789"));
-        error = pid.empty()
-                    ? std::string("the profile is in use by another orvane-ikev2")
-                    : fmt::format("the profile is in use by another orvane-ikev2 (pid {})", pid);
-        return false;
+        const std::string inUse = "the profile is in use by another orvane-ikev2";
+        return lockError(pid.empty() ? inUse : fmt::format("{} (pid {})", inUse, pid));
     }
     // Should this fail, the lock holds all the same; only the name is missing.
     const std::string pid = fmt::format("{}\n", ::getpid());
@@ -50,7 +54,7 @@ bool ProfileLock::acquire(std::string& error) {
         ::ftruncate(fd, 0) == 0 &&
         ::pwrite(fd, pid.data(), pid.size(), 0) == static_cast<ssize_t>(pid.size());
     fd_ = fd;
-    return true;
+    return {};
 }
 
 }  // namespace platform::strongswan

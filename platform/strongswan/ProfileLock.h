@@ -5,6 +5,8 @@
 // (the kernel releases it then, also after a SIGKILL). The holder writes
 // its pid into the file, so a second instance can say whom it yields to.
 
+#include "platform/strongswan/Result.h"
+
 #include <string>
 
 namespace platform::strongswan {
@@ -18,9 +20,9 @@ class ProfileLock {
     ProfileLock(const ProfileLock&) = delete;
     ProfileLock& operator=(const ProfileLock&) = delete;
 
-    // Takes the lock without waiting; true when this process holds it.
-    // False with `error` naming the holder when another process has it.
-    bool acquire(std::string& error);
+    // Takes the lock without waiting: done when this process holds it, an
+    // error naming the holder when another process has it.
+    Result<void> acquire();
     bool held() const { return fd_ >= 0; }
 
   private:

@@ -112,9 +112,13 @@ public:
         std::int64_t integrity = 0;
         std::int64_t group = 0;
         std::int64_t lifetime = 0;
-        if (!dict(parent, key, node) || !number(node, "EncryptionAlgorithm", 1, 7, encryption) ||
-            !number(node, "IntegrityAlgorithm", 1, 5, integrity) ||
-            !number(node, "DiffieHellmanGroup", 0, 32, group) ||
+        if (!dict(parent, key, node) ||
+            !number(node, "EncryptionAlgorithm", NEVPNIKEv2EncryptionAlgorithmDES,
+                    NEVPNIKEv2EncryptionAlgorithmChaCha20Poly1305, encryption) ||
+            !number(node, "IntegrityAlgorithm", NEVPNIKEv2IntegrityAlgorithmSHA96,
+                    NEVPNIKEv2IntegrityAlgorithmSHA512, integrity) ||
+            !number(node, "DiffieHellmanGroup", NEVPNIKEv2DiffieHellmanGroupInvalid,
+                    NEVPNIKEv2DiffieHellmanGroup32, group) ||
             !number(node, "LifetimeMinutes", 0, INT32_MAX, lifetime)) {
             return false;
         }
@@ -148,35 +152,36 @@ std::string folderOf(const std::string& path) {
     return slash == 0 ? std::string("/") : path.substr(0, slash);
 }
 
-NSError ioError(const std::string& what, const std::string& path, int err) {
-    return makeVPNError(NEVPNErrorConfigurationReadWriteFailed,
-                        fmt::format("{} {}: {}", what, path, std::strerror(err)));
+Error fileError(std::string text) {
+    return Error{std::move(text), NEVPNErrorConfigurationReadWriteFailed};
+}
+
+Error ioError(const std::string& what, const std::string& path, int err) {
+    return fileError(fmt::format("{} {}: {}", what, path, std::strerror(err)));
 }
 
 // Creates the missing folders of `folder`, each 0700.
-bool makeFolders(const std::string& folder, NSError& error) {
+Result<void> makeFolders(const std::string& folder) {
     struct stat st {};
     if (::lstat(folder.c_str(), &st) == 0) {
         if (S_ISLNK(st.st_mode)) {
-            error = makeVPNError(NEVPNErrorConfigurationReadWriteFailed,
-                                 fmt::format("refusing symbolic link {}", folder));
-            return false;
+            return fileError(fmt::format("refusing symbolic link {}", folder));
         }
-        return true;
+        return {};
     }
     if (errno != ENOENT) {
-        error = ioError("cannot inspect", folder, errno);
-        return false;
+        return ioError("cannot inspect", folder, errno);
     }
     std::string parent = folderOf(folder);
-    if (parent != folder && !makeFolders(parent, error)) {
-        return false;
+    if (parent != folder) {
+        if (Result<void> made = makeFolders(parent); !made) {
+            return made;
+        }
     }
     if (::mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) {
-        error = ioError("cannot create", folder, errno);
-        return false;
+        return ioError("cannot create", folder, errno);
     }
-    return true;
+    return {};
 }
 
 }  // namespace
@@ -220,19 +225,17 @@ std::string ProfileStore::serialize(const StoredProfile& profile) {
     return out;
 }
 
-bool ProfileStore::deserialize(const std::string& bytes, StoredProfile& profile,
-                               std::string& error) {
+Result<StoredProfile> ProfileStore::deserialize(const std::string& bytes) {
     if (bytes.empty() || bytes.size() > kMaxFileSize) {
-        error = bytes.empty() ? "empty file" : "file too large";
-        return false;
+        return Error{bytes.empty() ? "empty file" : "file too large"};
     }
     plist_t parsed = nullptr;
     plist_from_memory(bytes.data(), static_cast<std::uint32_t>(bytes.size()), &parsed);
     Plist root(parsed);
     if (parsed == nullptr || plist_get_node_type(parsed) != PLIST_DICT) {
-        error = "not a property list dictionary";
-        return false;
+        return Error{"not a property list dictionary"};
     }
+    std::string error;
     Reader read(error);
     StoredProfile out;
     std::int64_t version = 0;
@@ -247,115 +250,92 @@ bool ProfileStore::deserialize(const std::string& bytes, StoredProfile& profile,
         !read.optionalString(proto, "ServerAddress", p.serverAddress) ||
         !read.optionalString(proto, "RemoteIdentifier", p.remoteIdentifier) ||
         !read.optionalString(proto, "LocalIdentifier", p.localIdentifier) ||
-        !read.number(proto, "AuthenticationMethod", 0, 2, auth) ||
+        !read.number(proto, "AuthenticationMethod", NEVPNIKEAuthenticationMethodNone,
+                     NEVPNIKEAuthenticationMethodSharedSecret, auth) ||
         !read.boolean(proto, "UseExtendedAuthentication", p.useExtendedAuthentication) ||
         !read.boolean(proto, "EnableRevocationCheck", p.enableRevocationCheck) ||
         !read.optionalBoolean(proto, "StrictRevocationCheck", p.strictRevocationCheck) ||
         !read.boolean(proto, "EnablePFS", p.enablePFS) ||
         !read.boolean(proto, "DisconnectOnSleep", p.disconnectOnSleep) ||
-        !read.number(proto, "DeadPeerDetectionRate", 0, 3, dpd) ||
+        !read.number(proto, "DeadPeerDetectionRate", NEVPNIKEv2DeadPeerDetectionRateNone,
+                     NEVPNIKEv2DeadPeerDetectionRateHigh, dpd) ||
         !read.sa(proto, "IKESecurityAssociationParameters", p.IKESecurityAssociationParameters) ||
         !read.sa(proto, "ChildSecurityAssociationParameters",
                  p.childSecurityAssociationParameters)) {
-        return false;
+        return Error{error};
     }
     p.authenticationMethod = static_cast<NEVPNIKEAuthenticationMethod>(auth);
     p.deadPeerDetectionRate = static_cast<NEVPNIKEv2DeadPeerDetectionRate>(dpd);
-    profile = std::move(out);
-    return true;
+    return out;
 }
 
-bool ProfileStore::load(std::optional<StoredProfile>& profile, NSError& error,
-                        bool* corrupt) const {
-    profile.reset();
-    if (corrupt != nullptr) {
-        *corrupt = false;
-    }
+Result<std::optional<StoredProfile>> ProfileStore::load() const {
     const os::FileDescriptor fd = os::openForReading(path_, os::FinalLink::refuse);
     if (!fd.valid()) {
         if (errno == ENOENT) {
-            return true;
+            return std::optional<StoredProfile>();
         }
         if (errno == ELOOP) {
-            error = makeVPNError(NEVPNErrorConfigurationReadWriteFailed,
-                                 fmt::format("refusing symbolic link {}", path_));
-            return false;
+            return fileError(fmt::format("refusing symbolic link {}", path_));
         }
-        error = ioError("cannot open", path_, errno);
-        return false;
+        return ioError("cannot open", path_, errno);
     }
     struct stat st {};
     if (::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
-        error = makeVPNError(NEVPNErrorConfigurationReadWriteFailed,
-                             fmt::format("not a regular file: {}", path_));
-        return false;
+        return fileError(fmt::format("not a regular file: {}", path_));
     }
     std::string bytes;
     const int number = os::readBounded(fd.get(), kMaxFileSize, bytes);
     if (number != 0 && number != EFBIG) {
-        error = ioError("cannot read", path_, number);
-        return false;
+        return ioError("cannot read", path_, number);
     }
-    StoredProfile loaded;
-    std::string why = number == EFBIG ? "file too large" : "";
-    if (!why.empty() || !deserialize(bytes, loaded, why)) {
-        error = makeVPNError(NEVPNErrorConfigurationInvalid,
-                             fmt::format("corrupt preferences {}: {}", path_, why));
-        if (corrupt != nullptr) {
-            *corrupt = true;
-        }
-        return false;
+    Result<StoredProfile> loaded =
+        number == EFBIG ? Result<StoredProfile>(Error{"file too large"}) : deserialize(bytes);
+    if (!loaded) {
+        return Error{fmt::format("corrupt preferences {}: {}", path_, loaded.error().text),
+                     NEVPNErrorConfigurationInvalid};
     }
-    profile = std::move(loaded);
-    return true;
+    return std::optional<StoredProfile>(std::move(*loaded));
 }
 
-bool ProfileStore::save(const StoredProfile& profile, NSError& error) const {
+Result<void> ProfileStore::save(const StoredProfile& profile) const {
     const std::string folder = folderOf(path_);
-    if (!makeFolders(folder, error)) {
-        return false;
+    if (Result<void> made = makeFolders(folder); !made) {
+        return made;
     }
     struct stat st {};
     if (::lstat(path_.c_str(), &st) == 0 && !S_ISREG(st.st_mode)) {
-        error = makeVPNError(NEVPNErrorConfigurationReadWriteFailed,
-                             S_ISLNK(st.st_mode)
-                                 ? fmt::format("refusing symbolic link {}", path_)
-                                 : fmt::format("not a regular file: {}", path_));
-        return false;
+        return fileError(S_ISLNK(st.st_mode) ? fmt::format("refusing symbolic link {}", path_)
+                                             : fmt::format("not a regular file: {}", path_));
     }
     const os::WriteFailure failure =
         os::writeFileAtomically(path_, serialize(profile), {0600, true});
     switch (failure.step) {
         case os::WriteFailure::none:
-            return true;
+            return {};
         case os::WriteFailure::openFolder:
-            error = ioError("cannot open folder", folder, failure.number);
-            return false;
+            return ioError("cannot open folder", folder, failure.number);
         case os::WriteFailure::createTemporary:
-            error = ioError("cannot create a temporary file in", folder, failure.number);
-            return false;
+            return ioError("cannot create a temporary file in", folder, failure.number);
         case os::WriteFailure::write:
-            error = ioError("cannot write", path_, failure.number);
-            return false;
+            return ioError("cannot write", path_, failure.number);
     }
-    return false;
+    return ioError("cannot write", path_, EIO);
 }
 
-bool ProfileStore::setAside(NSError& error) const {
+Result<void> ProfileStore::setAside() const {
     const std::string aside = path_ + ".corrupt";
     if (::rename(path_.c_str(), aside.c_str()) != 0 && errno != ENOENT) {
-        error = ioError("cannot move aside", path_, errno);
-        return false;
+        return ioError("cannot move aside", path_, errno);
     }
-    return true;
+    return {};
 }
 
-bool ProfileStore::remove(NSError& error) const {
+Result<void> ProfileStore::remove() const {
     if (::unlink(path_.c_str()) != 0 && errno != ENOENT) {
-        error = ioError("cannot remove", path_, errno);
-        return false;
+        return ioError("cannot remove", path_, errno);
     }
-    return true;
+    return {};
 }
 
 }  // namespace platform::strongswan

@@ -7,6 +7,7 @@
 // not part of the profile and never reaches the file.
 
 #include "platform/NEVPN.h"
+#include "platform/strongswan/Result.h"
 
 #include <optional>
 #include <string>
@@ -14,19 +15,6 @@
 namespace platform::strongswan {
 
 inline constexpr const char* kDefaultPreferencesPath = "/var/lib/orvane-ikev2/preferences.plist";
-
-// NEVPNErrorDomain codes used for the errors handed to completions.
-enum NEVPNErrorCode : std::int64_t {
-    NEVPNErrorConfigurationInvalid = 1,
-    NEVPNErrorConfigurationDisabled = 2,
-    NEVPNErrorConnectionFailed = 3,
-    NEVPNErrorConfigurationStale = 4,
-    NEVPNErrorConfigurationReadWriteFailed = 5,
-    NEVPNErrorConfigurationUnknown = 6,
-};
-
-// An NSError of NEVPNErrorDomain with `text` as its reason.
-NSError makeVPNError(NEVPNErrorCode code, const std::string& text);
 
 struct StoredProfile {
     NEVPNProtocolIKEv2 protocol;
@@ -42,21 +30,21 @@ public:
 
     const std::string& path() const { return path_; }
 
-    // No file: true with `profile` empty. An unreadable or corrupt file, or
-    // a symbolic link in its place: false with `error`; `corrupt` (when
-    // given) tells a file that was read but holds no profile.
-    bool load(std::optional<StoredProfile>& profile, NSError& error,
-              bool* corrupt = nullptr) const;
+    // No file: no profile. An unreadable file, or a symbolic link in its
+    // place: an error with NEVPNErrorConfigurationReadWriteFailed; a file
+    // that was read but holds no profile (corrupt): one with
+    // NEVPNErrorConfigurationInvalid.
+    Result<std::optional<StoredProfile>> load() const;
     // Keeps a corrupt file aside, under the path with ".corrupt" appended
     // (replacing an earlier one), rather than deleting it.
-    bool setAside(NSError& error) const;
-    bool save(const StoredProfile& profile, NSError& error) const;
+    Result<void> setAside() const;
+    Result<void> save(const StoredProfile& profile) const;
     // Deletes the file; a missing file is not an error.
-    bool remove(NSError& error) const;
+    Result<void> remove() const;
 
     // The property list text for a profile, and back (exposed for tests).
     static std::string serialize(const StoredProfile& profile);
-    static bool deserialize(const std::string& bytes, StoredProfile& profile, std::string& error);
+    static Result<StoredProfile> deserialize(const std::string& bytes);
 
 private:
     std::string path_;

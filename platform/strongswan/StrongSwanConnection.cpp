@@ -1,4 +1,5 @@
 #include "log/DDLog.h"
+#include "platform/strongswan/LoggedRequest.h"
 #include "platform/strongswan/StrongSwanManager.h"
 #include "platform/strongswan/ViciProfile.h"
 
@@ -28,7 +29,7 @@ StrongSwanConnection::StrongSwanConnection(StrongSwanManager& manager, asio::io_
       sleep_(context, options.sleep, [this] { stopForSleep(); }) {}
 
 StrongSwanConnection::~StrongSwanConnection() {
-    *alive_ = false;
+    liveness_.end();
     if (events_) {
         events_->close();
     }
@@ -58,46 +59,37 @@ void StrongSwanConnection::changed(bool didChange) {
     }
 }
 
-bool StrongSwanConnection::openEvents(std::string& error, std::error_code& cause) {
+Result<void> StrongSwanConnection::openEvents() {
     if (events_ && events_->isOpen()) {
-        return true;
+        return {};
     }
     events_ = ViciClient::create(context_, options_.socketPath);
-    if (!events_->connect(error, &cause)) {
+    if (Result<void> connected = events_->connect(); !connected) {
         events_.reset();
-        return false;
+        return connected;
     }
-    std::weak_ptr<bool> alive = alive_;
-    events_->setEventHandler([this, alive](const std::string& name, const ViciSection& event) {
-        if (alive.lock()) {
-            onEvent(name, event);
-        }
-    });
-    events_->setClosedHandler([this, alive](const std::string& reason) {
-        if (alive.lock()) {
-            onEventsClosed(reason);
-        }
-    });
-    return true;
+    events_->setEventHandler(liveness_.guard(
+        [this](const std::string& name, const ViciSection& event) { onEvent(name, event); }));
+    events_->setClosedHandler(
+        liveness_.guard([this](const std::string& reason) { onEventsClosed(reason); }));
+    return {};
 }
 
-bool StrongSwanConnection::openCommands(std::string& error, std::error_code& cause) {
+Result<void> StrongSwanConnection::openCommands() {
     if (commands_ && commands_->isOpen()) {
-        return true;
+        return {};
     }
     commands_ = ViciClient::create(context_, options_.socketPath);
     listSaRegistered_ = false;
-    if (!commands_->connect(error, &cause)) {
+    if (Result<void> connected = commands_->connect(); !connected) {
         commands_.reset();
-        return false;
+        return connected;
     }
-    std::weak_ptr<bool> alive = alive_;
-    commands_->setEventHandler([this, alive](const std::string& name, const ViciSection& event) {
-        if (alive.lock()) {
+    commands_->setEventHandler(
+        liveness_.guard([this](const std::string& name, const ViciSection& event) {
             onCommandEvent(name, event);
-        }
-    });
-    return true;
+        }));
+    return {};
 }
 
 OptionalError StrongSwanConnection::startVPNTunnel(const NEVPNStartOptions& options) {
@@ -111,14 +103,14 @@ OptionalError StrongSwanConnection::startVPNTunnel(const NEVPNStartOptions& opti
     if (options.username.empty() || options.password.empty()) {
         return makeVPNError(NEVPNErrorConfigurationInvalid, "user name or password missing");
     }
-    ViciSection conn;
-    std::string error;
-    if (!manager_.connectionLoaded() && !buildLoadConn(*protocol, conn, error)) {
-        return makeVPNError(NEVPNErrorConfigurationInvalid, error);
+    Result<ViciSection> conn =
+        manager_.connectionLoaded() ? ViciSection{} : buildLoadConn(*protocol);
+    if (!conn) {
+        return makeVPNError(conn.error());
     }
-    ViciSection secret;
-    if (!buildLoadShared(options.username, options.password, secret, error)) {
-        return makeVPNError(NEVPNErrorConfigurationInvalid, error);
+    Result<ViciSection> secret = buildLoadShared(options.username, options.password);
+    if (!secret) {
+        return makeVPNError(secret.error());
     }
     bool freshEvents = !(events_ && events_->isOpen());
     std::uint64_t generation = ++generation_;
@@ -126,34 +118,35 @@ OptionalError StrongSwanConnection::startVPNTunnel(const NEVPNStartOptions& opti
     started_ = true;
     initiated_ = false;
     pendingPrerequisites_ = 0;
-    std::error_code cause;
-    if (!openEvents(error, cause) || !openCommands(error, cause)) {
+    Result<void> opened = openEvents();
+    if (opened) {
+        opened = openCommands();
+    }
+    if (!opened) {
         // The start is taken all the same and ends at once with its reason,
         // so that a controller can tell a missing charon from other ends.
-        DDLogDebug("IKEv2 charon not reachable: {}", error);
-        secret.wipe();
+        DDLogDebug("IKEv2 charon not reachable: {}", opened.error().text);
+        secret->wipe();
+        const std::error_code& cause = opened.error().cause;
         bool absent = cause.category() == asio::system_category() &&
                       (cause.value() == ENOENT || cause.value() == ECONNREFUSED);
         changed(tracker_.startRequested());
-        asio::post(context_, [this, alive = std::weak_ptr<bool>(alive_), generation, absent] {
-            if (alive.lock() && generation == generation_) {
+        asio::post(context_, liveness_.guard([this, generation, absent] {
+            if (generation == generation_) {
                 failStart(absent ? kNoteCharonNotRunning : kNoteCharonNotReachable);
             }
-        });
+        }));
         return std::nullopt;
     }
 
-    std::weak_ptr<bool> alive = alive_;
-    auto prerequisite = [this, alive, generation](const char* what) {
+    auto prerequisite = [this, generation](const char* what) {
         ++pendingPrerequisites_;
-        return [this, alive, generation, what](ViciReply reply) {
-            if (alive.lock()) {
-                // "no matching SAs" is the usual answer to the terminate.
-                bool ok = reply.ok() && (reply.message.value("success") == nullptr ||
-                                         reply.succeeded() || what == std::string("terminate"));
-                prerequisiteDone(generation, ok, what, reply);
-            }
-        };
+        return liveness_.guard([this, generation, what](const ViciReply& reply) {
+            // "no matching SAs" is the usual answer to the terminate.
+            bool ok = reply.ok() && (reply.message.value("success") == nullptr ||
+                                     reply.succeeded() || what == std::string("terminate"));
+            prerequisiteDone(generation, ok, what, reply);
+        });
     };
     // The server's certificate is checked against the system's trust
     // anchors: charon must have them before the exchange.
@@ -176,11 +169,11 @@ OptionalError StrongSwanConnection::startVPNTunnel(const NEVPNStartOptions& opti
     // This goes along with the registrations on the other connection.
     commands_->request("terminate", buildTerminate(), prerequisite("terminate"),
                        options_.configTimeout);
-    commands_->request("load-shared", secret, prerequisite("load-shared"), options_.configTimeout);
-    secret.wipe();
+    commands_->request("load-shared", *secret, prerequisite("load-shared"), options_.configTimeout);
+    secret->wipe();
     secretLoaded_ = true;
     if (!manager_.connectionLoaded()) {
-        commands_->request("load-conn", conn, prerequisite("load-conn"), options_.configTimeout);
+        commands_->request("load-conn", *conn, prerequisite("load-conn"), options_.configTimeout);
     }
     changed(tracker_.startRequested());
     if (protocol->disconnectOnSleep) {
@@ -190,19 +183,17 @@ OptionalError StrongSwanConnection::startVPNTunnel(const NEVPNStartOptions& opti
 }
 
 void StrongSwanConnection::prepareTrust() {
-    std::weak_ptr<bool> alive = alive_;
-    asio::post(context_, [this, alive] {
-        if (!alive.lock() || trust_.finished()) {
+    asio::post(context_, liveness_.guard([this] {
+        if (trust_.finished()) {
             return;
         }
-        std::string error;
-        std::error_code cause;
-        if (!openCommands(error, cause)) {
-            DDLogDebug("IKEv2 charon not reachable for the trust anchors: {}", error);
+        if (Result<void> opened = openCommands(); !opened) {
+            DDLogDebug("IKEv2 charon not reachable for the trust anchors: {}",
+                       opened.error().text);
             return;
         }
         trust_.sync(commands_, {});
-    });
+    }));
 }
 
 void StrongSwanConnection::failStart(const char* note) {
@@ -244,11 +235,10 @@ void StrongSwanConnection::sendInitiate(std::uint64_t generation) {
         return;
     }
     saMayExist_ = true;
-    std::weak_ptr<bool> alive = alive_;
     commands_->request(
         "initiate", buildInitiate(),
-        [this, alive, generation](ViciReply reply) {
-            if (!alive.lock() || generation != generation_) {
+        liveness_.guard([this, generation](const ViciReply& reply) {
+            if (generation != generation_) {
                 return;
             }
             if (!reply.succeeded()) {
@@ -259,7 +249,7 @@ void StrongSwanConnection::sendInitiate(std::uint64_t generation) {
             }
             initiated_ = true;
             schedulePoll(regularPollInterval());
-        },
+        }),
         options_.initiateTimeout);
 }
 
@@ -285,17 +275,12 @@ void StrongSwanConnection::releaseCharon(bool terminate) {
         return;
     }
     ViciSyncClient vici(options_.socketPath);
-    std::string error;
-    if (!vici.connect(error)) {
-        DDLogDebug("IKEv2 charon not reachable to release the tunnel: {}", error);
+    if (Result<void> connected = vici.connect(); !connected) {
+        DDLogDebug("IKEv2 charon not reachable to release the tunnel: {}", connected.error().text);
         return;
     }
     auto exchange = [&](const char* command, const ViciSection& message) {
-        ViciReply reply = vici.request(command, message,
-                                       ViciSyncClient::Clock::now() + options_.stopTimeout);
-        if (!reply.succeeded()) {
-            DDLogDebug("IKEv2 {}: {}", command, reply.failure());
-        }
+        ViciReply reply = requestLogged(vici, command, message, options_.stopTimeout);
         // A charon that does not answer is not waited for again; the next
         // run of the tool cleans up what is left.
         charonSilent_ = reply.timedOut();
@@ -315,13 +300,12 @@ void StrongSwanConnection::releaseCharon(bool terminate) {
     // carries them out once it runs again, after this process is gone, as
     // long as their connection is still open then.
     ViciSyncClient later(options_.socketPath);
-    if (!later.connect(error)) {
+    if (!later.connect()) {
         return;
     }
     auto deadline = ViciSyncClient::Clock::now() + options_.stopTimeout;
-    bool unloadSent =
-        secretLoaded_ && later.send("unload-shared", buildUnloadShared(), deadline, error);
-    bool terminateSent = later.send("terminate", buildTerminate(), deadline, error);
+    bool unloadSent = secretLoaded_ && later.send("unload-shared", buildUnloadShared(), deadline);
+    bool terminateSent = later.send("terminate", buildTerminate(), deadline).ok();
     if (unloadSent || terminateSent) {
         later.leaveOpenUntilAnswered(int{unloadSent} + int{terminateSent},
                                      options_.frozenRequestsHold);
@@ -396,13 +380,12 @@ void StrongSwanConnection::schedulePoll(std::chrono::milliseconds delay) {
     }
     pollScheduled_ = true;
     pollTimer_.expires_after(delay);
-    std::weak_ptr<bool> alive = alive_;
-    pollTimer_.async_wait([this, alive](const std::error_code& ec) {
-        if (!ec && alive.lock()) {
+    pollTimer_.async_wait(liveness_.guard([this](const std::error_code& ec) {
+        if (!ec) {
             pollScheduled_ = false;
             poll();
         }
-    });
+    }));
 }
 
 std::chrono::milliseconds StrongSwanConnection::regularPollInterval() const {
@@ -414,30 +397,22 @@ void StrongSwanConnection::poll() {
     if (!tracker_.active()) {
         return;
     }
-    std::string error;
-    std::error_code cause;
-    if (!openCommands(error, cause)) {
-        DDLogDebug("IKEv2 cannot check the tunnel: {}", error);
+    if (Result<void> opened = openCommands(); !opened) {
+        DDLogDebug("IKEv2 cannot check the tunnel: {}", opened.error().text);
         schedulePoll(regularPollInterval());
         return;
     }
     pollInFlight_ = true;
     pollSawTunnel_ = false;
     pollVips_.clear();
-    std::weak_ptr<bool> alive = alive_;
     if (!listSaRegistered_) {
-        commands_->registerEvent("list-sa", [this, alive](ViciReply reply) {
-            if (alive.lock()) {
-                listSaRegistered_ = reply.ok();
-            }
-        });
+        commands_->registerEvent("list-sa", liveness_.guard([this](const ViciReply& reply) {
+            listSaRegistered_ = reply.ok();
+        }));
     }
     ViciSection filter;
     filter.add("ike", kVPNProfileName);
-    commands_->request("list-sas", filter, [this, alive](ViciReply reply) {
-        if (!alive.lock()) {
-            return;
-        }
+    commands_->request("list-sas", filter, liveness_.guard([this](const ViciReply& reply) {
         pollInFlight_ = false;
         if (!tracker_.active()) {
             return;
@@ -453,7 +428,7 @@ void StrongSwanConnection::poll() {
             }
         }
         schedulePoll(regularPollInterval());
-    });
+    }));
 }
 
 std::string StrongSwanConnection::lastDisconnectError(
@@ -493,8 +468,7 @@ void StrongSwanConnection::stopForSleep() {
     // knows the tunnel is gone before the machine goes quiet. The ordinary
     // stop follows for the rest.
     ViciSyncClient vici(options_.socketPath);
-    std::string error;
-    if (vici.connect(error)) {
+    if (vici.connect()) {
         ViciSection terminate;
         terminate.add("ike", kVPNProfileName)
             .add("force", "yes")

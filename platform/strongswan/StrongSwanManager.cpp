@@ -2,6 +2,7 @@
 
 #include "log/DDLog.h"
 #include "platform/strongswan/InterfaceLookup.h"
+#include "platform/strongswan/LoggedRequest.h"
 #include "platform/strongswan/ViciProfile.h"
 
 #include <asio/post.hpp>
@@ -9,10 +10,6 @@
 namespace platform::strongswan {
 
 namespace {
-
-// The interface reported for the tool's service when its virtual IP is on
-// no interface (with kernel-libipsec the TUN device is ipsec0).
-constexpr const char* kFallbackInterface = "ipsec0";
 
 ViciSyncClient::Clock::time_point after(std::chrono::milliseconds timeout) {
     return ViciSyncClient::Clock::now() + timeout;
@@ -39,16 +36,18 @@ void StrongSwanManager::complete(CompletionHandler handler, OptionalError error)
 }
 
 void StrongSwanManager::loadFromPreferences(CompletionHandler handler) {
+    Result<std::optional<StoredProfile>> loaded = store_.load();
+    corrupt_ = !loaded && loaded.error().code == NEVPNErrorConfigurationInvalid;
     std::optional<StoredProfile> profile;
-    NSError error;
-    if (!store_.load(profile, error, &corrupt_)) {
-        if (!corrupt_) {
-            complete(std::move(handler), error);
-            return;
-        }
+    if (loaded) {
+        profile = std::move(*loaded);
+    } else if (!corrupt_) {
+        complete(std::move(handler), makeVPNError(loaded.error()));
+        return;
+    } else {
         // The file still stands for the profile, as the platform's
         // preferences would: a save replaces it and a remove clears it.
-        DDLogDebug("IKEv2 unreadable profile: {}", error.description);
+        DDLogDebug("IKEv2 unreadable profile: {}", makeVPNError(loaded.error()).description);
         profile = StoredProfile{};
     }
     if (profile) {
@@ -72,20 +71,20 @@ void StrongSwanManager::saveToPreferences(CompletionHandler handler) {
                  makeVPNError(NEVPNErrorConfigurationInvalid, "no protocol configuration"));
         return;
     }
-    ViciSection conn;
-    std::string why;
-    if (!buildLoadConn(*protocol_, conn, why)) {
-        complete(std::move(handler), makeVPNError(NEVPNErrorConfigurationInvalid, why));
+    Result<ViciSection> conn = buildLoadConn(*protocol_);
+    if (!conn) {
+        complete(std::move(handler), makeVPNError(conn.error()));
         return;
     }
-    if (!lock_.acquire(why)) {
-        complete(std::move(handler), makeVPNError(NEVPNErrorConfigurationReadWriteFailed, why));
+    if (Result<void> locked = lock_.acquire(); !locked) {
+        complete(std::move(handler), makeVPNError(locked.error()));
         return;
     }
     connectionLoaded_ = false;
     ViciSyncClient vici(options_.socketPath);
-    if (vici.connect(why)) {
-        ViciReply reply = vici.request("load-conn", conn, after(options_.configTimeout));
+    Result<void> connected = vici.connect();
+    if (connected) {
+        ViciReply reply = vici.request("load-conn", *conn, after(options_.configTimeout));
         if (reply.status == ViciReply::Status::Failed) {
             // The file is the saved profile; the start loads it into charon.
             DDLogDebug("IKEv2 load-conn got no answer: {}", reply.failure());
@@ -98,16 +97,20 @@ void StrongSwanManager::saveToPreferences(CompletionHandler handler) {
             connectionLoaded_ = true;
         }
     } else {
-        DDLogDebug("IKEv2 charon not reachable, connection not loaded: {}", why);
+        DDLogDebug("IKEv2 charon not reachable, connection not loaded: {}",
+                   connected.error().text);
     }
-    NSError error;
     StoredProfile profile{*protocol_, enabled_, localizedDescription_};
-    if ((corrupt_ && !store_.setAside(error)) || !store_.save(profile, error)) {
+    Result<void> saved = corrupt_ ? store_.setAside() : Result<void>();
+    if (saved) {
+        saved = store_.save(profile);
+    }
+    if (!saved) {
         if (connectionLoaded_) {
             vici.request("unload-conn", buildUnloadConn(), after(options_.configTimeout));
             connectionLoaded_ = false;
         }
-        complete(std::move(handler), error);
+        complete(std::move(handler), makeVPNError(saved.error()));
         return;
     }
     corrupt_ = false;
@@ -120,28 +123,23 @@ void StrongSwanManager::saveToPreferences(CompletionHandler handler) {
 // Removing the profile also ends its live tunnel, as on the platform; a
 // corrupt file is kept aside rather than deleted.
 void StrongSwanManager::removeFromPreferences(CompletionHandler handler) {
-    NSError error;
-    if (!(corrupt_ ? store_.setAside(error) : store_.remove(error))) {
-        complete(std::move(handler), error);
+    if (Result<void> removed = corrupt_ ? store_.setAside() : store_.remove(); !removed) {
+        complete(std::move(handler), makeVPNError(removed.error()));
         return;
     }
     protocol_.reset();
     corrupt_ = false;
     connectionLoaded_ = false;
     ViciSyncClient vici(options_.socketPath);
-    std::string why;
-    if (vici.connect(why)) {
+    if (Result<void> connected = vici.connect(); connected) {
         // "not found" only means charon never had it (or lost it on restart).
         for (const auto& [command, message] :
              {std::pair{"terminate", buildTerminate()}, std::pair{"unload-conn", buildUnloadConn()},
               std::pair{"unload-shared", buildUnloadShared()}}) {
-            ViciReply reply = vici.request(command, message, after(options_.configTimeout));
-            if (!reply.succeeded()) {
-                DDLogDebug("IKEv2 {}: {}", command, reply.failure());
-            }
+            requestLogged(vici, command, message, options_.configTimeout);
         }
     } else {
-        DDLogDebug("IKEv2 charon not reachable, nothing to unload: {}", why);
+        DDLogDebug("IKEv2 charon not reachable, nothing to unload: {}", connected.error().text);
     }
     complete(std::move(handler), std::nullopt);
 }
@@ -156,9 +154,8 @@ void StrongSwanManager::finish() {
 
 std::optional<std::vector<NetworkService>> StrongSwanManager::networkServices() {
     ViciSyncClient vici(options_.socketPath);
-    std::string why;
-    if (!vici.connect(why)) {
-        DDLogDebug("IKEv2 charon not reachable for the service list: {}", why);
+    if (Result<void> connected = vici.connect(); !connected) {
+        DDLogDebug("IKEv2 charon not reachable for the service list: {}", connected.error().text);
         return std::nullopt;
     }
     auto deadline = after(options_.configTimeout);
@@ -205,7 +202,7 @@ std::optional<std::vector<NetworkService>> StrongSwanManager::networkServices() 
                     vici.request("list-sas", filter, deadline, collectVips);
                 }
             }
-            service.interfaceName = interfaceForAnyAddress(vips).value_or(kFallbackInterface);
+            service.interfaceName = interfaceForAnyAddress(vips).value_or(kDefaultTunnelInterface);
         }
         services.push_back(std::move(service));
     }

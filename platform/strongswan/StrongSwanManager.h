@@ -19,6 +19,7 @@
 
 #include "platform/NEVPN.h"
 #include "platform/strongswan/DisconnectLog.h"
+#include "platform/strongswan/Liveness.h"
 #include "platform/strongswan/ProfileLock.h"
 #include "platform/strongswan/ProfileStore.h"
 #include "platform/strongswan/SleepWatch.h"
@@ -102,8 +103,8 @@ public:
     void finish();
 
 private:
-    bool openEvents(std::string& error, std::error_code& cause);
-    bool openCommands(std::string& error, std::error_code& cause);
+    Result<void> openEvents();
+    Result<void> openCommands();
     // A start that cannot go ahead ends as a tunnel that went down, with
     // `note` in the log for its reason.
     void failStart(const char* note);
@@ -147,7 +148,7 @@ private:
     bool charonSilent_ = false;
     int pendingPrerequisites_ = 0;
     std::uint64_t generation_ = 0;
-    std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
+    Liveness liveness_;
     SleepWatch sleep_;
 };
 

@@ -42,14 +42,15 @@ struct FileCloser {
     void operator()(std::FILE* file) const { std::fclose(file); }
 };
 
-// The whole file; none with `missing` set when it does not exist, none
-// with `error` when it cannot be read.
-std::optional<std::string> readBundle(const std::string& path, bool& missing, std::string& error) {
+// The whole file, or why it cannot be read; a file that does not exist
+// has ENOENT as the error's cause.
+Result<std::string> readBundle(const std::string& path) {
     std::unique_ptr<std::FILE, FileCloser> file(std::fopen(path.c_str(), "rbe"));
     if (!file) {
-        missing = errno == ENOENT;
-        error = fmt::format("{}: {}", path, std::strerror(errno));
-        return std::nullopt;
+        const int err = errno;
+        return Error{fmt::format("{}: {}", path, std::strerror(err)),
+                     NEVPNErrorConfigurationReadWriteFailed,
+                     std::error_code(err, std::generic_category())};
     }
     // Read in place, into room for the whole file: a trust store is the
     // largest thing the tool holds.
@@ -66,13 +67,11 @@ std::optional<std::string> readBundle(const std::string& path, bool& missing, st
         n = std::fread(bytes.data() + at, 1, bytes.size() - at, file.get());
         bytes.resize(at + n);
         if (bytes.size() > kMaxBundleSize) {
-            error = fmt::format("{}: larger than {} bytes", path, kMaxBundleSize);
-            return std::nullopt;
+            return Error{fmt::format("{}: larger than {} bytes", path, kMaxBundleSize)};
         }
     } while (n > 0);
     if (std::ferror(file.get())) {
-        error = fmt::format("{}: read error", path);
-        return std::nullopt;
+        return Error{fmt::format("{}: read error", path)};
     }
     return bytes;
 }
@@ -145,21 +144,19 @@ SystemTrust::SystemTrust(asio::io_context& context, std::vector<std::string> bun
     : context_(context), bundles_(std::move(bundles)) {}
 
 SystemTrust::~SystemTrust() {
-    *alive_ = false;
+    liveness_.end();
 }
 
 bool SystemTrust::readStore() {
     bundle_.clear();
     for (const std::string& path : bundles_) {
-        bool missing = false;
-        std::string error;
-        std::optional<std::string> bytes = readBundle(path, missing, error);
+        Result<std::string> bytes = readBundle(path);
         if (bytes) {
             bundle_ = std::move(*bytes);
             break;
         }
-        if (!missing) {
-            DDLogDebug("IKEv2 system trust store not read: {}", error);
+        if (bytes.error().cause != std::errc::no_such_file_or_directory) {
+            DDLogDebug("IKEv2 system trust store not read: {}", bytes.error().text);
             return false;
         }
     }
@@ -185,12 +182,8 @@ void SystemTrust::sync(const std::shared_ptr<ViciClient>& client, std::function<
         finish();
         return;
     }
-    std::weak_ptr<bool> alive = alive_;
     std::weak_ptr<ViciClient> weakClient = client;
-    client->request("get-authorities", {}, [this, alive, weakClient](ViciReply reply) {
-        if (!alive.lock()) {
-            return;
-        }
+    client->request("get-authorities", {}, liveness_.guard([this, weakClient](const ViciReply& reply) {
         auto strong = weakClient.lock();
         if (!reply.ok() || !strong) {
             DDLogDebug("IKEv2 get-authorities: {}", reply.failure());
@@ -199,7 +192,7 @@ void SystemTrust::sync(const std::shared_ptr<ViciClient>& client, std::function<
         }
         const std::vector<std::string>* loaded = reply.message.list("authorities");
         apply(strong, loaded != nullptr ? *loaded : std::vector<std::string>{});
-    });
+    }));
 }
 
 void SystemTrust::apply(const std::shared_ptr<ViciClient>& client,
@@ -223,30 +216,25 @@ void SystemTrust::sendNext(const std::shared_ptr<ViciClient>& client) {
         return;
     }
     std::size_t index = sent_++;
-    std::weak_ptr<bool> alive = alive_;
     std::weak_ptr<ViciClient> weakClient = client;
     ViciSection message;
     if (index < changes_.load.size()) {
         const TrustAnchor& anchor = *changes_.load[index];
         message.addSection(anchor.name).add("cacert", std::string(anchor.pem));
         client->request("load-authority", message,
-                        [this, alive, weakClient](const ViciReply& reply) {
-                            if (alive.lock()) {
-                                answered(weakClient, !reply.succeeded());
-                            }
-                        });
+                        liveness_.guard([this, weakClient](const ViciReply& reply) {
+                            answered(weakClient, !reply.succeeded());
+                        }));
         return;
     }
     message.add("name", changes_.unload[index - changes_.load.size()]);
-    client->request("unload-authority", message, [this, alive, weakClient](const ViciReply& reply) {
-        if (!alive.lock()) {
-            return;
-        }
-        if (!reply.succeeded()) {
-            DDLogDebug("IKEv2 unload-authority: {}", reply.failure());
-        }
-        answered(weakClient, false);
-    });
+    client->request("unload-authority", message,
+                    liveness_.guard([this, weakClient](const ViciReply& reply) {
+                        if (!reply.succeeded()) {
+                            DDLogDebug("IKEv2 unload-authority: {}", reply.failure());
+                        }
+                        answered(weakClient, false);
+                    }));
 }
 
 void SystemTrust::answered(const std::weak_ptr<ViciClient>& client, bool refused) {
@@ -274,16 +262,12 @@ void SystemTrust::warmUp(ViciClient& client) {
     // certificate has makes it work them out now, in the idle wait.
     ViciSection lookup;
     lookup.add("type", "X509").add("subject", "keyid:#00");
-    std::weak_ptr<bool> alive = alive_;
-    client.request("list-certs", lookup, [this, alive](const ViciReply& reply) {
-        if (!alive.lock()) {
-            return;
-        }
+    client.request("list-certs", lookup, liveness_.guard([this](const ViciReply& reply) {
         if (!reply.ok()) {
             DDLogDebug("IKEv2 list-certs: {}", reply.failure());
         }
         finish();
-    });
+    }));
 }
 
 void SystemTrust::finish() {

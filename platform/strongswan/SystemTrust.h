@@ -9,6 +9,7 @@
 // list, loads what is missing and unloads those of ours whose certificate
 // left the store. charon's own CA folders are not touched.
 
+#include "platform/strongswan/Liveness.h"
 #include "platform/strongswan/ViciClient.h"
 
 #include <asio/io_context.hpp>
@@ -86,7 +87,7 @@ class SystemTrust {
     std::size_t answered_ = 0;
     std::chrono::steady_clock::time_point started_;
     int refused_ = 0;
-    std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
+    Liveness liveness_;
 };
 
 }  // namespace platform::strongswan

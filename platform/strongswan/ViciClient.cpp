@@ -16,6 +16,7 @@
 #include <csignal>
 #include <cstdint>
 #include <cstring>
+#include <optional>
 #include <ctime>
 
 namespace platform::strongswan {
@@ -48,6 +49,35 @@ int pollUntil(pollfd& pfd, LoopClock::time_point deadline, Until until) {
             return 0;
         }
     }
+// The answer that `packet` gives to a request of type `sent`; none when it
+// answers no such request (charon never sends one unasked).
+std::optional<ViciReply> replyTo(ViciPacketType sent, ViciPacket& packet) {
+    const bool command = sent == ViciPacketType::CmdRequest;
+    ViciReply reply;
+    switch (packet.type) {
+        case ViciPacketType::CmdResponse:
+        case ViciPacketType::EventConfirm:
+            if (command != (packet.type == ViciPacketType::CmdResponse)) {
+                return std::nullopt;
+            }
+            reply.status = ViciReply::Status::Ok;
+            reply.message = std::move(packet.message);
+            return reply;
+        case ViciPacketType::CmdUnknown:
+        case ViciPacketType::EventUnknown:
+            if (command != (packet.type == ViciPacketType::CmdUnknown)) {
+                return std::nullopt;
+            }
+            reply.status = ViciReply::Status::Unknown;
+            reply.error = command ? "unknown command" : "unknown event";
+            return reply;
+        default:
+            return std::nullopt;
+    }
+}
+
+std::string unexpectedPacket(const ViciPacket& packet) {
+    return fmt::format("unexpected packet of type {}", static_cast<int>(packet.type));
 }
 
 }  // namespace
@@ -77,25 +107,22 @@ ViciClient::~ViciClient() {
     socket_.close(ignored);
 }
 
-bool ViciClient::connect(std::string& error, std::error_code* cause) {
+Result<void> ViciClient::connect() {
     if (open_) {
-        return true;
+        return {};
     }
     std::error_code ec;
     socket_.connect(asio::local::stream_protocol::endpoint(path_), ec);
     if (ec) {
-        error = fmt::format("cannot connect to {}: {}", path_, ec.message());
-        if (cause != nullptr) {
-            *cause = ec;
-        }
         std::error_code ignored;
         socket_.close(ignored);
-        return false;
+        return Error{fmt::format("cannot connect to {}: {}", path_, ec.message()),
+                     NEVPNErrorConnectionFailed, ec};
     }
     open_ = true;
     reader_ = ViciFrameReader{};
     readMore();
-    return true;
+    return {};
 }
 
 void ViciClient::close() {
@@ -129,12 +156,11 @@ void ViciClient::enqueue(ViciPacketType type, std::string name, const ViciSectio
     op.handler = std::move(handler);
     op.timeout = timeout;
     op.id = ++nextId_;
-    std::string error;
     // Encoded straight from the caller's message: its values are not copied.
-    bool encoded = encodeViciFrame(type, name, message, op.frame, error);
+    Result<void> encoded = encodeViciFrame(type, name, message, op.frame);
     if (!encoded || !open_) {
         ViciReply reply;
-        reply.error = encoded ? std::string("not connected") : error;
+        reply.error = encoded ? std::string("not connected") : encoded.error().text;
         auto done = std::move(op.handler);
         post([done = std::move(done), reply = std::move(reply)]() mutable {
             if (done) {
@@ -239,51 +265,27 @@ void ViciClient::consume(const char* data, std::size_t size) {
 }
 
 bool ViciClient::handlePacket(const std::string& bytes) {
-    ViciPacket packet;
-    std::string error;
-    if (!decodeViciPacket(bytes, packet, error)) {
-        fail(fmt::format("malformed packet: {}", error), true);
+    Result<ViciPacket> decoded = decodeViciPacket(bytes);
+    if (!decoded) {
+        fail(fmt::format("malformed packet: {}", decoded.error().text), true);
         return false;
     }
+    ViciPacket& packet = *decoded;
     if (packet.type == ViciPacketType::Event) {
         if (onEvent_) {
             onEvent_(packet.name, packet.message);
         }
         return open_;
     }
-    bool expected = false;
-    ViciReply reply;
+    std::optional<ViciReply> reply;
     if (inFlight_ && !queue_.empty()) {
-        ViciPacketType sent = queue_.front().type;
-        switch (packet.type) {
-            case ViciPacketType::CmdResponse:
-                expected = sent == ViciPacketType::CmdRequest;
-                reply.status = ViciReply::Status::Ok;
-                reply.message = std::move(packet.message);
-                break;
-            case ViciPacketType::CmdUnknown:
-                expected = sent == ViciPacketType::CmdRequest;
-                reply.status = ViciReply::Status::Unknown;
-                reply.error = "unknown command";
-                break;
-            case ViciPacketType::EventConfirm:
-                expected = sent != ViciPacketType::CmdRequest;
-                reply.status = ViciReply::Status::Ok;
-                break;
-            case ViciPacketType::EventUnknown:
-                expected = sent != ViciPacketType::CmdRequest;
-                reply.status = ViciReply::Status::Unknown;
-                reply.error = "unknown event";
-                break;
-            default:
-                break;
-        }
+        reply = replyTo(queue_.front().type, packet);
     }
-    if (!expected) {
-        fail(fmt::format("unexpected packet of type {}", static_cast<int>(packet.type)), true);
+    if (!reply) {
+        fail(unexpectedPacket(packet), true);
         return false;
     }
-    complete(std::move(reply));
+    complete(std::move(*reply));
     return open_;
 }
 
@@ -357,27 +359,28 @@ void ViciSyncClient::closeSocket() {
     }
 }
 
-bool ViciSyncClient::connect(std::string& error) {
+Result<void> ViciSyncClient::connect() {
     closeSocket();
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     if (path_.size() >= sizeof(address.sun_path)) {
-        error = fmt::format("socket path too long: {}", path_);
-        return false;
+        return Error{fmt::format("socket path too long: {}", path_), NEVPNErrorConnectionFailed};
     }
     std::memcpy(address.sun_path, path_.c_str(), path_.size() + 1);
     fd_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd_ < 0) {
-        error = fmt::format("socket: {}", std::strerror(errno));
-        return false;
+        const int err = errno;
+        return Error{fmt::format("socket: {}", std::strerror(err)), NEVPNErrorConnectionFailed,
+                     std::error_code(err, std::system_category())};
     }
     if (::connect(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
-        error = fmt::format("cannot connect to {}: {}", path_, std::strerror(errno));
+        const int err = errno;
         closeSocket();
-        return false;
+        return Error{fmt::format("cannot connect to {}: {}", path_, std::strerror(err)),
+                     NEVPNErrorConnectionFailed, std::error_code(err, std::system_category())};
     }
     reader_ = ViciFrameReader{};
-    return true;
+    return {};
 }
 
 bool ViciSyncClient::writeAll(const std::string& frame, Clock::time_point deadline,
@@ -408,20 +411,33 @@ bool ViciSyncClient::writeAll(const std::string& frame, Clock::time_point deadli
     return true;
 }
 
-bool ViciSyncClient::send(const std::string& command, const ViciSection& message,
-                          Clock::time_point deadline, std::string& error) {
+bool ViciSyncClient::write(ViciPacketType type, const std::string& name,
+                           const ViciSection* message, Clock::time_point deadline,
+                           std::string& error) {
     if (fd_ < 0) {
         error = "not connected";
         return false;
     }
     std::string frame;
-    bool ok = encodeViciFrame(ViciPacketType::CmdRequest, command, &message, frame, error) &&
-              writeAll(frame, deadline, error);
+    Result<void> encoded = encodeViciFrame(type, name, message, frame);
+    if (!encoded) {
+        error = encoded.error().text;
+    }
+    bool ok = encoded && writeAll(frame, deadline, error);
     os::wipeString(frame);
     if (!ok) {
         closeSocket();
     }
     return ok;
+}
+
+Result<void> ViciSyncClient::send(const std::string& command, const ViciSection& message,
+                                  Clock::time_point deadline) {
+    std::string error;
+    if (!write(ViciPacketType::CmdRequest, command, &message, deadline, error)) {
+        return Error{error, NEVPNErrorConnectionFailed};
+    }
+    return {};
 }
 
 namespace {
@@ -529,64 +545,49 @@ ViciReply ViciSyncClient::exchange(ViciPacketType type, const std::string& name,
                                    const ViciSection* message, Clock::time_point deadline,
                                    const ViciEventHandler& onEvent) {
     ViciReply reply;
-    if (fd_ < 0) {
-        reply.error = "not connected";
+    if (!write(type, name, message, deadline, reply.error)) {
         return reply;
     }
-    std::string frame;
-    bool written = encodeViciFrame(type, name, message, frame, reply.error) &&
-                   writeAll(frame, deadline, reply.error);
-    os::wipeString(frame);
-    if (!written) {
+    ViciPacket packet;
+    while (readPacket(deadline, packet, reply.error)) {
+        if (packet.type == ViciPacketType::Event) {
+            if (onEvent) {
+                onEvent(packet.name, packet.message);
+            }
+            continue;
+        }
+        if (std::optional<ViciReply> answer = replyTo(type, packet)) {
+            return std::move(*answer);
+        }
+        reply.error = unexpectedPacket(packet);
         closeSocket();
-        return reply;
+        break;
     }
-    bool command = type == ViciPacketType::CmdRequest;
+    return reply;
+}
+
+bool ViciSyncClient::readPacket(Clock::time_point deadline, ViciPacket& packet,
+                                std::string& error) {
+    auto failed = [this, &error](std::string why) {
+        error = std::move(why);
+        closeSocket();
+        return false;
+    };
     std::array<char, 16384> buffer{};
     while (true) {
         std::string body;
-        std::string error;
-        auto result = reader_.next(body, error);
+        std::string why;
+        auto result = reader_.next(body, why);
         if (result == ViciFrameReader::Result::Error) {
-            reply.error = fmt::format("malformed frame: {}", error);
-            closeSocket();
-            return reply;
+            return failed(fmt::format("malformed frame: {}", why));
         }
         if (result == ViciFrameReader::Result::Packet) {
-            ViciPacket in;
-            if (!decodeViciPacket(body, in, error)) {
-                reply.error = fmt::format("malformed packet: {}", error);
-                closeSocket();
-                return reply;
+            Result<ViciPacket> decoded = decodeViciPacket(body);
+            if (!decoded) {
+                return failed(fmt::format("malformed packet: {}", decoded.error().text));
             }
-            switch (in.type) {
-                case ViciPacketType::Event:
-                    if (onEvent) {
-                        onEvent(in.name, in.message);
-                    }
-                    continue;
-                case ViciPacketType::CmdResponse:
-                case ViciPacketType::EventConfirm:
-                    if (command == (in.type == ViciPacketType::CmdResponse)) {
-                        reply.status = ViciReply::Status::Ok;
-                        reply.message = std::move(in.message);
-                        return reply;
-                    }
-                    break;
-                case ViciPacketType::CmdUnknown:
-                case ViciPacketType::EventUnknown:
-                    if (command == (in.type == ViciPacketType::CmdUnknown)) {
-                        reply.status = ViciReply::Status::Unknown;
-                        reply.error = command ? "unknown command" : "unknown event";
-                        return reply;
-                    }
-                    break;
-                default:
-                    break;
-            }
-            reply.error = fmt::format("unexpected packet of type {}", static_cast<int>(in.type));
-            closeSocket();
-            return reply;
+            packet = std::move(*decoded);
+            return true;
         }
         pollfd pfd{fd_, POLLIN, 0};
         int ready = pollUntil(pfd, deadline, Until::Answer);
@@ -594,24 +595,18 @@ ViciReply ViciSyncClient::exchange(ViciPacketType type, const std::string& name,
             continue;
         }
         if (ready <= 0) {
-            reply.error = ready == 0 ? std::string(kViciTimeoutError)
-                                     : fmt::format("poll: {}", std::strerror(errno));
-            closeSocket();
-            return reply;
+            return failed(ready == 0 ? std::string(kViciTimeoutError)
+                                     : fmt::format("poll: {}", std::strerror(errno)));
         }
         ssize_t got = ::recv(fd_, buffer.data(), buffer.size(), MSG_DONTWAIT);
         if (got == 0) {
-            reply.error = "daemon closed the connection";
-            closeSocket();
-            return reply;
+            return failed("daemon closed the connection");
         }
         if (got < 0) {
             if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) {
                 continue;
             }
-            reply.error = fmt::format("read failed: {}", std::strerror(errno));
-            closeSocket();
-            return reply;
+            return failed(fmt::format("read failed: {}", std::strerror(errno)));
         }
         reader_.feed(std::string_view(buffer.data(), static_cast<std::size_t>(got)));
     }

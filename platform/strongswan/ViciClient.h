@@ -17,6 +17,7 @@
 #include "os/Memory.h"
 #include "platform/LoopClock.h"
 #include "platform/linux/LoopTimer.h"
+#include "platform/strongswan/Result.h"
 #include "platform/strongswan/ViciMessage.h"
 
 #include <asio/io_context.hpp>
@@ -72,9 +73,9 @@ public:
     ViciClient& operator=(const ViciClient&) = delete;
 
     // Connects (a local socket connects at once or not at all) and starts
-    // reading. False with `error` (and `cause`, when given) when the daemon
-    // is not there.
-    bool connect(std::string& error, std::error_code* cause = nullptr);
+    // reading. An error, with the socket's error as its cause, when the
+    // daemon is not there.
+    Result<void> connect();
     bool isOpen() const { return open_; }
     // Closes the connection; queued operations fail with "closed".
     void close();
@@ -150,7 +151,7 @@ public:
     ViciSyncClient(const ViciSyncClient&) = delete;
     ViciSyncClient& operator=(const ViciSyncClient&) = delete;
 
-    bool connect(std::string& error);
+    Result<void> connect();
     // Sends one command and waits for its answer until `deadline`; events
     // that come first go to `onEvent`. A timeout closes the connection.
     ViciReply request(const std::string& command, const ViciSection& message,
@@ -158,8 +159,8 @@ public:
     ViciReply registerEvent(const std::string& event, Clock::time_point deadline);
     // Sends one command and returns once it is written, without waiting for
     // the answer.
-    bool send(const std::string& command, const ViciSection& message, Clock::time_point deadline,
-              std::string& error);
+    Result<void> send(const std::string& command, const ViciSection& message,
+                      Clock::time_point deadline);
     // Leaves the connection, with the `answers` requests sent on it, to a
     // process of its own that keeps it open until charon has answered them
     // all or closed it, for at most `limit`, and returns at once. A frozen
@@ -171,6 +172,12 @@ public:
 private:
     ViciReply exchange(ViciPacketType type, const std::string& name, const ViciSection* message,
                        Clock::time_point deadline, const ViciEventHandler& onEvent);
+    // Encodes and writes one request; on failure closes the connection.
+    bool write(ViciPacketType type, const std::string& name, const ViciSection* message,
+               Clock::time_point deadline, std::string& error);
+    // Reads the next packet, whatever its type; on failure (including the
+    // deadline) closes the connection.
+    bool readPacket(Clock::time_point deadline, ViciPacket& packet, std::string& error);
     bool writeAll(const std::string& frame, Clock::time_point deadline, std::string& error);
     void closeSocket();
 

@@ -236,11 +236,19 @@ std::size_t viciMessageSize(const ViciSection& message) {
     return size;
 }
 
-bool encodeViciMessage(const ViciSection& message, std::string& out, std::string& error) {
-    return encodeSection(message, 0, out, error);
+Result<void> encodeViciMessage(const ViciSection& message, std::string& out) {
+    std::string error;
+    if (!encodeSection(message, 0, out, error)) {
+        return Error{error};
+    }
+    return {};
 }
 
-bool decodeViciMessage(std::string_view bytes, ViciSection& message, std::string& error) {
+namespace {
+
+// The decoder proper: fills `message`, or stops at the first flaw with
+// `error` set.
+bool decodeMessage(std::string_view bytes, ViciSection& message, std::string& error) {
     message = ViciSection{};
     Cursor cursor(bytes);
     // The path of open sections; the root is always at the bottom.
@@ -336,6 +344,17 @@ bool decodeViciMessage(std::string_view bytes, ViciSection& message, std::string
     return true;
 }
 
+}  // namespace
+
+Result<ViciSection> decodeViciMessage(std::string_view bytes) {
+    ViciSection message;
+    std::string error;
+    if (!decodeMessage(bytes, message, error)) {
+        return Error{error};
+    }
+    return message;
+}
+
 namespace {
 
 const ViciSection kEmptyMessage;
@@ -352,7 +371,7 @@ bool appendPacket(ViciPacketType packetType, std::string_view name, const ViciSe
     if (viciPacketHasName(packetType) && !putName(out, name, error)) {
         return false;
     }
-    if (viciPacketHasMessage(packetType) && !encodeViciMessage(message, out, error)) {
+    if (viciPacketHasMessage(packetType) && !encodeSection(message, 0, out, error)) {
         return false;
     }
     if (out.size() - start > kViciMaxPacket) {
@@ -376,68 +395,70 @@ std::size_t packetSize(ViciPacketType type, std::string_view name, const ViciSec
 
 }  // namespace
 
-bool encodeViciPacket(const ViciPacket& packet, std::string& out, std::string& error) {
+Result<void> encodeViciPacket(const ViciPacket& packet, std::string& out) {
     os::wipeString(out);
     out.reserve(packetSize(packet.type, packet.name, packet.message));
+    std::string error;
     if (!appendPacket(packet.type, packet.name, packet.message, out, error)) {
         os::wipeString(out);
-        return false;
+        return Error{error};
     }
-    return true;
+    return {};
 }
 
-bool decodeViciPacket(std::string_view bytes, ViciPacket& packet, std::string& error) {
-    packet = ViciPacket{};
+Result<ViciPacket> decodeViciPacket(std::string_view bytes) {
     if (bytes.size() > kViciMaxPacket) {
-        error = fmt::format("packet of {} bytes exceeds {} bytes", bytes.size(), kViciMaxPacket);
-        return false;
+        return Error{
+            fmt::format("packet of {} bytes exceeds {} bytes", bytes.size(), kViciMaxPacket)};
     }
+    ViciPacket packet;
     Cursor cursor(bytes);
     std::uint8_t type = 0;
     if (!cursor.byte(type)) {
-        error = "empty packet";
-        return false;
+        return Error{"empty packet"};
     }
     if (type > static_cast<std::uint8_t>(ViciPacketType::Event)) {
-        error = fmt::format("unknown packet type {}", type);
-        return false;
+        return Error{fmt::format("unknown packet type {}", type)};
     }
     packet.type = static_cast<ViciPacketType>(type);
     if (viciPacketHasName(packet.type) && !cursor.name(packet.name)) {
-        error = "truncated packet name";
-        return false;
+        return Error{"truncated packet name"};
     }
     if (viciPacketHasMessage(packet.type)) {
-        return decodeViciMessage(cursor.rest(), packet.message, error);
+        std::string error;
+        if (!decodeMessage(cursor.rest(), packet.message, error)) {
+            return Error{error};
+        }
+        return packet;
     }
     if (!cursor.atEnd()) {
-        error = fmt::format("{} unexpected byte(s) after packet of type {}", cursor.rest().size(),
-                            type);
-        return false;
+        return Error{fmt::format("{} unexpected byte(s) after packet of type {}",
+                                 cursor.rest().size(), type)};
     }
-    return true;
+    return packet;
 }
 
-bool encodeViciFrame(const ViciPacket& packet, std::string& out, std::string& error) {
-    return encodeViciFrame(packet.type, packet.name, &packet.message, out, error);
+Result<void> encodeViciFrame(const ViciPacket& packet, std::string& out) {
+    return encodeViciFrame(packet.type, packet.name, &packet.message, out);
 }
 
-bool encodeViciFrame(ViciPacketType type, std::string_view name, const ViciSection* message,
-                     std::string& out, std::string& error) {
+Result<void> encodeViciFrame(ViciPacketType type, std::string_view name,
+                             const ViciSection* message, std::string& out) {
     const ViciSection& body = message != nullptr ? *message : kEmptyMessage;
     os::wipeString(out);
     out.reserve(4 + packetSize(type, name, body));
     out.append(4, '\0');
+    std::string error;
     if (!appendPacket(type, name, body, out, error)) {
         os::wipeString(out);
-        return false;
+        return Error{error};
     }
     auto length = static_cast<std::uint32_t>(out.size() - 4);
     out[0] = static_cast<char>((length >> 24) & 0xff);
     out[1] = static_cast<char>((length >> 16) & 0xff);
     out[2] = static_cast<char>((length >> 8) & 0xff);
     out[3] = static_cast<char>(length & 0xff);
-    return true;
+    return {};
 }
 
 void ViciFrameReader::feed(std::string_view bytes) {

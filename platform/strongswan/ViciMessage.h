@@ -6,6 +6,7 @@
 // stream. Every decoder answers malformed input with an error text; none of
 // them throws.
 
+#include "platform/strongswan/Result.h"
 #include "platform/Secret.h"
 
 #include <cstddef>
@@ -112,12 +113,14 @@ bool viciPacketHasMessage(ViciPacketType type);
 
 // Message <-> element bytes. Encoding fails on a name longer than 255
 // bytes, a value longer than 65535 bytes or nesting deeper than the bound.
-bool encodeViciMessage(const ViciSection& message, std::string& out, std::string& error);
-bool decodeViciMessage(std::string_view bytes, ViciSection& message, std::string& error);
+// The encoders write into the caller's `out`, which the caller wipes once
+// the bytes are sent (a message may hold a secret).
+Result<void> encodeViciMessage(const ViciSection& message, std::string& out);
+Result<ViciSection> decodeViciMessage(std::string_view bytes);
 
 // Packet <-> packet bytes (without the frame length).
-bool encodeViciPacket(const ViciPacket& packet, std::string& out, std::string& error);
-bool decodeViciPacket(std::string_view bytes, ViciPacket& packet, std::string& error);
+Result<void> encodeViciPacket(const ViciPacket& packet, std::string& out);
+Result<ViciPacket> decodeViciPacket(std::string_view bytes);
 
 // Bytes `encodeViciMessage` would produce (not checked against the limits).
 std::size_t viciMessageSize(const ViciSection& message);
@@ -125,10 +128,10 @@ std::size_t viciMessageSize(const ViciSection& message);
 // A packet with its 4-byte big-endian length in front, ready to write. The
 // output is sized once up front, so a secret in the message is written to
 // exactly one buffer.
-bool encodeViciFrame(const ViciPacket& packet, std::string& out, std::string& error);
+Result<void> encodeViciFrame(const ViciPacket& packet, std::string& out);
 // The same from the parts, so a caller's message need not be copied.
-bool encodeViciFrame(ViciPacketType type, std::string_view name, const ViciSection* message,
-                     std::string& out, std::string& error);
+Result<void> encodeViciFrame(ViciPacketType type, std::string_view name,
+                             const ViciSection* message, std::string& out);
 
 // Cuts a byte stream into packets. Feed it what the socket gave; take
 // complete packets with `next`. A zero or oversized frame length poisons the

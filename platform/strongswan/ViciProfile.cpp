@@ -101,32 +101,32 @@ std::optional<std::string> viciGroup(NEVPNIKEv2DiffieHellmanGroup group) {
 
 namespace {
 
-bool parts(const NEVPNIKEv2SecurityAssociationParameters& sa, std::string& encryption,
-           std::string& integrity, std::string& prf, std::string& group, std::string& error) {
+// A proposal's keywords.
+struct Parts {
+    std::string encryption;
+    std::string integrity;
+    std::string prf;
+    std::string group;
+};
+
+Result<Parts> parts(const NEVPNIKEv2SecurityAssociationParameters& sa) {
     auto e = viciEncryption(sa.encryptionAlgorithm);
     auto i = viciIntegrity(sa.integrityAlgorithm);
     auto p = viciPrf(sa.integrityAlgorithm);
     auto g = viciGroup(sa.diffieHellmanGroup);
     if (!e) {
-        error = fmt::format("unsupported encryption algorithm {}",
-                            static_cast<std::int64_t>(sa.encryptionAlgorithm));
-        return false;
+        return Error{fmt::format("unsupported encryption algorithm {}",
+                                 static_cast<std::int64_t>(sa.encryptionAlgorithm))};
     }
     if (!i || !p) {
-        error = fmt::format("unsupported integrity algorithm {}",
-                            static_cast<std::int64_t>(sa.integrityAlgorithm));
-        return false;
+        return Error{fmt::format("unsupported integrity algorithm {}",
+                                 static_cast<std::int64_t>(sa.integrityAlgorithm))};
     }
     if (!g) {
-        error = fmt::format("unsupported Diffie-Hellman group {}",
-                            static_cast<std::int64_t>(sa.diffieHellmanGroup));
-        return false;
+        return Error{fmt::format("unsupported Diffie-Hellman group {}",
+                                 static_cast<std::int64_t>(sa.diffieHellmanGroup))};
     }
-    encryption = *e;
-    integrity = *i;
-    prf = *p;
-    group = *g;
-    return true;
+    return Parts{*e, *i, *p, *g};
 }
 
 std::string join(std::initializer_list<const std::string*> items) {
@@ -169,29 +169,27 @@ void addLifetimes(ViciSection& section, std::int32_t minutes, bool ike) {
 
 }  // namespace
 
-bool ikeProposal(const NEVPNIKEv2SecurityAssociationParameters& sa, std::string& proposal,
-                 std::string& error) {
-    std::string encryption, integrity, prf, group;
-    if (!parts(sa, encryption, integrity, prf, group, error)) {
-        return false;
+Result<std::string> ikeProposal(const NEVPNIKEv2SecurityAssociationParameters& sa) {
+    Result<Parts> p = parts(sa);
+    if (!p) {
+        return p.error();
     }
     // An AEAD cipher brings its own integrity; IKE still needs a PRF.
-    proposal = isAeadEncryption(sa.encryptionAlgorithm) ? join({&encryption, &prf, &group})
-                                                        : join({&encryption, &integrity, &group});
-    return true;
+    return isAeadEncryption(sa.encryptionAlgorithm)
+               ? join({&p->encryption, &p->prf, &p->group})
+               : join({&p->encryption, &p->integrity, &p->group});
 }
 
-bool espProposal(const NEVPNIKEv2SecurityAssociationParameters& sa, bool withGroup,
-                 std::string& proposal, std::string& error) {
-    std::string encryption, integrity, prf, group;
-    if (!parts(sa, encryption, integrity, prf, group, error)) {
-        return false;
+Result<std::string> espProposal(const NEVPNIKEv2SecurityAssociationParameters& sa,
+                                bool withGroup) {
+    Result<Parts> p = parts(sa);
+    if (!p) {
+        return p.error();
     }
     std::string none;
-    const std::string* integ = isAeadEncryption(sa.encryptionAlgorithm) ? &none : &integrity;
-    const std::string* dh = withGroup ? &group : &none;
-    proposal = join({&encryption, integ, dh});
-    return true;
+    const std::string* integ = isAeadEncryption(sa.encryptionAlgorithm) ? &none : &p->integrity;
+    const std::string* dh = withGroup ? &p->group : &none;
+    return join({&p->encryption, integ, dh});
 }
 
 std::string viciDpdDelay(NEVPNIKEv2DeadPeerDetectionRate rate) {
@@ -220,46 +218,51 @@ const char* viciRevocation(const NEVPNProtocolIKEv2& protocol) {
 
 }  // namespace
 
-bool buildLoadConn(const NEVPNProtocolIKEv2& protocol, ViciSection& message, std::string& error) {
-    message = ViciSection{};
-    std::string server;
-    if (!literalServerAddress(protocol.serverAddress.value_or(""), server, error)) {
-        return false;
+Result<ViciSection> buildLoadConn(const NEVPNProtocolIKEv2& protocol) {
+    Result<std::string> server = literalServerAddress(protocol.serverAddress.value_or(""));
+    if (!server) {
+        return server.error();
     }
-    std::string remoteId;
-    if (!literalIdentity(protocol.remoteIdentifier.value_or(""), "remote identifier",
-                         kCharonIdentityLimit, remoteId, error)) {
-        return false;
+    Result<std::string> remoteId = literalIdentity(protocol.remoteIdentifier.value_or(""),
+                                                   "remote identifier", kCharonIdentityLimit);
+    if (!remoteId) {
+        return remoteId.error();
     }
-    std::string ike;
-    std::string esp;
-    if (!ikeProposal(protocol.IKESecurityAssociationParameters, ike, error) ||
-        !espProposal(protocol.childSecurityAssociationParameters, protocol.enablePFS, esp,
-                     error)) {
-        return false;
+    Result<std::string> ike = ikeProposal(protocol.IKESecurityAssociationParameters);
+    if (!ike) {
+        return ike.error();
+    }
+    Result<std::string> esp =
+        espProposal(protocol.childSecurityAssociationParameters, protocol.enablePFS);
+    if (!esp) {
+        return esp.error();
     }
     // The user name is also the owner of the EAP secret.
     std::optional<std::string> user;
     if (protocol.username) {
-        user.emplace();
-        if (!literalIdentity(*protocol.username, "user name", kCharonOwnerLimit, *user, error)) {
-            return false;
+        Result<std::string> spelled =
+            literalIdentity(*protocol.username, "user name", kCharonOwnerLimit);
+        if (!spelled) {
+            return spelled.error();
         }
+        user = std::move(*spelled);
     }
     std::optional<std::string> localId = user;
     if (protocol.localIdentifier) {
-        localId.emplace();
-        if (!literalIdentity(*protocol.localIdentifier, "local identifier", kCharonIdentityLimit,
-                             *localId, error)) {
-            return false;
+        Result<std::string> spelled =
+            literalIdentity(*protocol.localIdentifier, "local identifier", kCharonIdentityLimit);
+        if (!spelled) {
+            return spelled.error();
         }
+        localId = std::move(*spelled);
     }
 
+    ViciSection message;
     ViciSection& conn = message.addSection(kVPNProfileName);
     conn.add("version", "2");
-    conn.addList("remote_addrs", {server});
+    conn.addList("remote_addrs", {*server});
     conn.addList("vips", {"0.0.0.0"});
-    conn.addList("proposals", {ike});
+    conn.addList("proposals", {*ike});
     // Like the platform's client, ask the server for no certificate (servers
     // for it send theirs always): a request lists every trust anchor, with
     // the system's a fragmented message and work on both sides per connect.
@@ -270,8 +273,7 @@ bool buildLoadConn(const NEVPNProtocolIKEv2& protocol, ViciSection& message, std
     ViciSection& local = conn.addSection("local");
     if (protocol.useExtendedAuthentication) {
         if (!user) {
-            error = "no user name for EAP";
-            return false;
+            return Error{"no user name for EAP"};
         }
         local.add("auth", "eap-mschapv2");
         local.add("id", *localId);
@@ -285,8 +287,7 @@ bool buildLoadConn(const NEVPNProtocolIKEv2& protocol, ViciSection& message, std
                 local.add("auth", "psk");
                 break;
             case NEVPNIKEAuthenticationMethodNone:
-                error = "no client authentication configured";
-                return false;
+                return Error{"no client authentication configured"};
         }
         if (localId) {
             local.add("id", *localId);
@@ -303,29 +304,30 @@ bool buildLoadConn(const NEVPNProtocolIKEv2& protocol, ViciSection& message, std
             remote.add("auth", "pubkey");
             break;
     }
-    remote.add("id", remoteId);
+    remote.add("id", *remoteId);
     remote.add("revocation", viciRevocation(protocol));
 
     ViciSection& child = conn.addSection("children").addSection(kChildName);
     child.addList("remote_ts", {"0.0.0.0/0"});
-    child.addList("esp_proposals", {esp});
+    child.addList("esp_proposals", {*esp});
     addLifetimes(child, protocol.childSecurityAssociationParameters.lifetimeMinutes, false);
-    return true;
+    return message;
 }
 
-bool buildLoadShared(std::string_view username, const Secret& password, ViciSection& message,
-                     std::string& error) {
-    message = ViciSection{};
-    std::string owner;
-    if (!literalIdentity(username, "user name", kCharonOwnerLimit, owner, error)) {
-        return false;
+Result<ViciSection> buildLoadShared(std::string_view username, const Secret& password) {
+    Result<std::string> owner = literalIdentity(username, "user name", kCharonOwnerLimit);
+    if (!owner) {
+        return owner.error();
     }
+    // Moved, never copied, from here on: the password's bytes stay where
+    // addSecret put them until the message is wiped.
+    ViciSection message;
     message.reserve(4);
     message.add("id", kEapSecretId);
     message.add("type", "EAP");
     message.addSecret("data", password);
-    message.addList("owners", {owner});
-    return true;
+    message.addList("owners", {*owner});
+    return Result<ViciSection>(std::move(message));
 }
 
 ViciSection buildInitiate() {

@@ -5,6 +5,7 @@
 // requests that start and stop the tunnel.
 
 #include "platform/NEVPN.h"
+#include "platform/strongswan/Result.h"
 #include "platform/strongswan/ViciMessage.h"
 
 #include <optional>
@@ -29,10 +30,9 @@ bool isAeadEncryption(NEVPNIKEv2EncryptionAlgorithm algorithm);
 
 // "aes256-sha256-modp2048" style proposals. ESP carries the group only
 // when `withGroup` (PFS).
-bool ikeProposal(const NEVPNIKEv2SecurityAssociationParameters& sa, std::string& proposal,
-                 std::string& error);
-bool espProposal(const NEVPNIKEv2SecurityAssociationParameters& sa, bool withGroup,
-                 std::string& proposal, std::string& error);
+Result<std::string> ikeProposal(const NEVPNIKEv2SecurityAssociationParameters& sa);
+Result<std::string> espProposal(const NEVPNIKEv2SecurityAssociationParameters& sa,
+                                bool withGroup);
 
 // DPD interval for a rate: High 60s, Medium 600s, Low 1800s, None 0s.
 std::string viciDpdDelay(NEVPNIKEv2DeadPeerDetectionRate rate);
@@ -40,13 +40,12 @@ std::string viciDpdDelay(NEVPNIKEv2DeadPeerDetectionRate rate);
 // The load-conn message: one section named kVPNProfileName. The server
 // address and the identities go in a spelling charon takes literally
 // (CharonValues.h); values charon would read more into are errors.
-bool buildLoadConn(const NEVPNProtocolIKEv2& protocol, ViciSection& message, std::string& error);
+Result<ViciSection> buildLoadConn(const NEVPNProtocolIKEv2& protocol);
 
 // The load-shared message for the EAP secret, owned by the user name. The
 // password is copied once into the message; wipe the message after sending
-// it. False with `error` for a user name charon cannot take literally.
-bool buildLoadShared(std::string_view username, const Secret& password, ViciSection& message,
-                     std::string& error);
+// it. An error for a user name charon cannot take literally.
+Result<ViciSection> buildLoadShared(std::string_view username, const Secret& password);
 
 ViciSection buildInitiate();
 ViciSection buildTerminate();

@@ -18,9 +18,9 @@ pattern+='|std::chrono::(zoned_time|time_zone|tzdb|get_tzdb|current_zone|locate_
 
 # Everything but the Linux-only folders.
 portable=(os/Process.h os/Pipe.h os/Memory.h os/macos log cli connector tool platform/macos
-          tests/unit/os tests/unit/cli tests/unit/log tests/unit/platform
+          tests/unit/os tests/unit/cli tests/unit/log tests/unit/platform/macos
           tests/unit/connector tests/unit/tool tests/unit/double)
-portable+=(platform/*.h platform/*.cpp)
+portable+=(platform/*.h platform/*.cpp tests/unit/platform/*.cpp)
 
 status=0
 found=$(grep -rnE "$pattern" --include='*.h' --include='*.cpp' --include='*.mm' \

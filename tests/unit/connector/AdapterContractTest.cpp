@@ -1,3 +1,4 @@
+#include "tests/unit/cli/CaptureStdout.h"
 #include "tests/unit/connector/ConnectorFixture.h"
 
 using namespace platform;
@@ -94,23 +95,24 @@ TEST_F(ConnectorTest, ServiceNameMustMatchExactly) {
 }
 
 TEST_F(ConnectorTest, WholeConnectAtVerboseLevelNeverLogsThePassword) {
-    const auto child = inChild([] {
-        ddLogLevel = DDLogLevelVerbose;
-        platform().setServices(
-            std::vector<NetworkService>{{"Orvane IKEv2", std::string("ipsec0")}});
-        platform().setLastDisconnectError("authentication failed");
-        auto connector = makeConnector();
+    ddLogLevel = DDLogLevelVerbose;
+    platform().setServices(std::vector<NetworkService>{{"Orvane IKEv2", std::string("ipsec0")}});
+    platform().setLastDisconnectError("authentication failed");
+    StderrCapture capture;
+    auto connector = makeConnector();
+    const std::string out = cli::test::captureStdout([&connector] {
         connectAndStart(*connector);
         platform().fireStatus(NEVPNStatusConnecting);
         platform().fireStatus(NEVPNStatusConnected);
         platform().fireStatus(NEVPNStatusReasserting);
         platform().fireStatus(NEVPNStatusDisconnected);
     });
-    EXPECT_EQ(child.exitStatus, 1);
-    const auto all = testing_support::lines(child.err);
-    ASSERT_GE(all.size(), 5u) << child.err;
+    capture.restore();
+    EXPECT_EQ(finished().statuses(), std::vector<int>{1});
+    const auto all = testing_support::lines(capture.text());
+    ASSERT_GE(all.size(), 5u) << capture.text();
     for (const std::string& line : all) {
         EXPECT_EQ(line.find("s3cret-pw"), std::string::npos) << line;
     }
-    EXPECT_EQ(child.out.find("s3cret-pw"), std::string::npos);
+    EXPECT_EQ(out.find("s3cret-pw"), std::string::npos);
 }

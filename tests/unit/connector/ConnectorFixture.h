@@ -2,13 +2,14 @@
 
 // Shared set-up of the connector tests: a fresh platform double, no status
 // observers, the default log level, the terminal sink added once, virtual
-// time, and helpers that drive a connector through load, save and the
-// queued start.
+// time, a Finish that records the statuses of the connectors the tests make,
+// and helpers that drive a connector through load, save and the queued start.
 
 #include "connector/OVConnectorIKEv2.h"
 #include "log/DDLog.h"
 #include "platform/RunLoop.h"
 #include "tests/unit/double/ChildProcess.h"
+#include "tests/unit/double/FinishRecorder.h"
 #include "tests/unit/double/PlatformDouble.h"
 #include "tests/unit/double/VirtualTimeScope.h"
 
@@ -18,12 +19,9 @@
 
 class ConnectorTest : public ::testing::Test {
   protected:
-    // Returned by a child body that ran to its end without the connector
-    // ending the process.
-    static constexpr int kNoExit = 42;
-
     static void SetUpTestSuite() { DDLog::addTTYLogger(); }
     void SetUp() override {
+        finished().clear();
         platform().reset();
         platform::removeAllStatusObservers();
         ddLogLevel = DDLogLevelInfo;
@@ -38,9 +36,21 @@ class ConnectorTest : public ::testing::Test {
         return platform_double::ScriptedPlatform::instance();
     }
 
+    // The statuses the connectors of the current test finished with.
+    static testing_support::FinishRecorder& finished() {
+        static testing_support::FinishRecorder recorder;
+        return recorder;
+    }
+
+    // A connector whose run ends in finished().
+    static std::shared_ptr<OVConnectorIKEv2> recording(std::shared_ptr<OVConnectorIKEv2> made) {
+        made->setFinish(finished().finish());
+        return made;
+    }
+
     static std::shared_ptr<OVConnectorIKEv2> makeConnector() {
-        return OVConnectorIKEv2::initWithServer(std::string("203.0.113.7"), std::string("alice"),
-                                                platform::Secret("s3cret-pw"));
+        return recording(OVConnectorIKEv2::initWithServer(
+            std::string("203.0.113.7"), std::string("alice"), platform::Secret("s3cret-pw")));
     }
 
     // Runs the loop in short slices until `done` or the (virtual) time is up.
@@ -64,20 +74,6 @@ class ConnectorTest : public ::testing::Test {
         platform().completeLoad();
         platform().completeSave();
         ASSERT_TRUE(runLoopUntil([] { return !platform().startRequests().empty(); }));
-    }
-
-    // Runs `body` in a child process whose log lines are captured.
-    static testing_support::ChildResult inChild(const std::function<void()>& body) {
-        using ForkEvent = platform::RunLoop::ForkEvent;
-        auto& loop = platform::RunLoop::main();
-        return testing_support::runInChild(
-            [&body] {
-                body();
-                std::exit(kNoExit);
-            },
-            [&loop] { loop.notifyFork(ForkEvent::prepare); },
-            [&loop] { loop.notifyFork(ForkEvent::child); },
-            [&loop] { loop.notifyFork(ForkEvent::parent); });
     }
 
     testing_support::VirtualTimeScope virtualTime;

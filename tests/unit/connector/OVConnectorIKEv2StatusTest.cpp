@@ -48,21 +48,21 @@ TEST_F(ConnectorTest, ConnectedClearsAKnownReason) {
 
 TEST_F(ConnectorTest,
        ReassertingWhileConnectedStopsTheTunnelAndTheNextDisconnectedExitsOneWithoutALogSearch) {
-    const auto child = inChild([] {
-        auto connector = makeConnector();
-        connectAndStart(*connector);
-        platform().fireStatus(NEVPNStatusConnected);
-        platform().fireStatus(NEVPNStatusReasserting);
-        std::printf("stops=%d connecting=%d connected=%d reason=%s\n", platform().stopCount(),
-                    connector->connecting(), connector->connected(),
-                    std::string(orNull(connector->lastDisconnectError())).c_str());
-        std::fflush(stdout);
-        platform().fireStatus(NEVPNStatusDisconnected);
-        std::printf("fetches=%zu\n", platform().fetchRequests().size());
-    });
-    EXPECT_EQ(child.exitStatus, 1);
-    EXPECT_EQ(child.out, "stops=1 connecting=0 connected=1 reason=Reconnect needed\n");
-    EXPECT_EQ(testing_support::messages(child.err),
+    auto connector = makeConnector();
+    connectAndStart(*connector);
+    StderrCapture capture;
+    platform().fireStatus(NEVPNStatusConnected);
+    platform().fireStatus(NEVPNStatusReasserting);
+    EXPECT_EQ(platform().stopCount(), 1);
+    EXPECT_FALSE(connector->connecting());
+    EXPECT_TRUE(connector->connected());
+    EXPECT_EQ(connector->lastDisconnectError(), "Reconnect needed");
+    EXPECT_FALSE(finished().finished());
+    platform().fireStatus(NEVPNStatusDisconnected);
+    capture.restore();
+    EXPECT_EQ(finished().statuses(), std::vector<int>{1});
+    EXPECT_TRUE(platform().fetchRequests().empty());
+    EXPECT_EQ(capture.messages(),
               (Lines{"IKEv2 Interface ipsec0", "IKEv2 Connected", "IKEv2 Reconnecting",
                      "IKEv2 Last disconnect error: Reconnect needed"}));
 }
@@ -72,32 +72,32 @@ TEST_F(ConnectorTest, ReassertingWhileConnectedAsksNoLogSearch) {
     connectAndStart(*connector);
     platform().fireStatus(NEVPNStatusConnected);
     platform().fireStatus(NEVPNStatusReasserting);
-    // Stop here: the Disconnected that follows would end the process.
     EXPECT_TRUE(platform().fetchRequests().empty());
     EXPECT_EQ(connector->lastDisconnectError(), "Reconnect needed");
 }
 
 TEST_F(ConnectorTest, DisconnectedWhileConnectingWithNoReasonFoundExitsZeroSilently) {
     platform().setLastDisconnectError("");
-    const auto child = inChild([] {
-        auto connector = makeConnector();
-        connectAndStart(*connector);
-        platform().fireStatus(NEVPNStatusDisconnected);
-    });
-    EXPECT_EQ(child.exitStatus, 0);
-    EXPECT_EQ(child.err, "");
+    auto connector = makeConnector();
+    connectAndStart(*connector);
+    StderrCapture capture;
+    platform().fireStatus(NEVPNStatusDisconnected);
+    capture.restore();
+    EXPECT_EQ(finished().statuses(), std::vector<int>{0});
+    EXPECT_EQ(platform().fetchRequests().size(), 1u);
+    EXPECT_EQ(capture.text(), "");
 }
 
 TEST_F(ConnectorTest, DisconnectedWhileConnectedWithAReasonFromTheLogExitsOne) {
     platform().setLastDisconnectError("authentication failed");
-    const auto child = inChild([] {
-        auto connector = makeConnector();
-        connectAndStart(*connector);
-        platform().fireStatus(NEVPNStatusConnected);
-        platform().fireStatus(NEVPNStatusDisconnected);
-    });
-    EXPECT_EQ(child.exitStatus, 1);
-    EXPECT_EQ(testing_support::messages(child.err),
+    auto connector = makeConnector();
+    connectAndStart(*connector);
+    StderrCapture capture;
+    platform().fireStatus(NEVPNStatusConnected);
+    platform().fireStatus(NEVPNStatusDisconnected);
+    capture.restore();
+    EXPECT_EQ(finished().statuses(), std::vector<int>{1});
+    EXPECT_EQ(capture.messages(),
               (Lines{"IKEv2 Interface ipsec0", "IKEv2 Connected",
                      "IKEv2 Last disconnect error: authentication failed"}));
 }
@@ -121,6 +121,7 @@ TEST_F(ConnectorTest, DisconnectedAfterDisconnectOnlyLogsDisconnectedAndDoesNotE
     capture.restore();
     EXPECT_EQ(capture.messages(), Lines{"IKEv2 Disconnected"});
     EXPECT_TRUE(platform().fetchRequests().empty());
+    EXPECT_FALSE(finished().finished());
 }
 
 TEST_F(ConnectorTest, ReassertingWhileStillConnectingThenDisconnectedOnlyLogsAndDoesNotExit) {
@@ -135,6 +136,7 @@ TEST_F(ConnectorTest, ReassertingWhileStillConnectingThenDisconnectedOnlyLogsAnd
     capture.restore();
     EXPECT_EQ(capture.messages(), (Lines{"IKEv2 Reconnecting", "IKEv2 Disconnected"}));
     EXPECT_EQ(platform().stopCount(), 1);
+    EXPECT_FALSE(finished().finished());
 }
 
 TEST_F(ConnectorTest, UnknownStatusSevenLogsUnknownStatus) {
@@ -173,14 +175,15 @@ TEST_F(ConnectorTest, WithoutAConnectionTheStatusReadsInvalid) {
 }
 
 TEST_F(ConnectorTest, NilReasonSkipsTheLogSearchAndExitsOneWithNullText) {
-    const auto child = inChild([] {
-        auto connector = makeConnector();
-        connectAndStart(*connector);
-        connector->setLastDisconnectError(std::nullopt);
-        platform().fireStatus(NEVPNStatusDisconnected);
-    });
-    EXPECT_EQ(child.exitStatus, 1);
-    EXPECT_EQ(testing_support::messages(child.err), Lines{"IKEv2 Last disconnect error: (null)"});
+    auto connector = makeConnector();
+    connectAndStart(*connector);
+    connector->setLastDisconnectError(std::nullopt);
+    StderrCapture capture;
+    platform().fireStatus(NEVPNStatusDisconnected);
+    capture.restore();
+    EXPECT_EQ(finished().statuses(), std::vector<int>{1});
+    EXPECT_TRUE(platform().fetchRequests().empty());
+    EXPECT_EQ(capture.messages(), Lines{"IKEv2 Last disconnect error: (null)"});
 }
 
 TEST_F(ConnectorTest, InterfaceWithoutANameIsLoggedAsNull) {

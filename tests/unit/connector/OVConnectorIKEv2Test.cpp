@@ -29,28 +29,28 @@ NEVPNProtocolIKEv2 expectedProfile() {
 
 TEST_F(ConnectorTest, CheckOnlyWithAStoredProfileExitsZeroAfterAlreadyExistsAndWritesNothing) {
     platform().setStoredProfile(NEVPNProtocolIKEv2{});
-    const auto child = inChild([] {
-        auto connector = makeConnector();
-        connector->setCheckOnly(true);
-        connector->connect();
-        platform().completeLoad();
-        std::printf("calls=%zu\n", platform().calls().size());
-    });
-    EXPECT_EQ(child.exitStatus, 0);
-    EXPECT_EQ(testing_support::messages(child.err), Lines{"IKEv2 configuration already exists"});
-    // exit() came before anything else could be asked.
-    EXPECT_EQ(child.out, "");
+    auto connector = makeConnector();
+    connector->setCheckOnly(true);
+    connector->connect();
+    StderrCapture capture;
+    platform().completeLoad();
+    capture.restore();
+    EXPECT_EQ(finished().statuses(), std::vector<int>{0});
+    EXPECT_EQ(capture.messages(), Lines{"IKEv2 configuration already exists"});
+    // The run ended before anything else was asked.
+    EXPECT_EQ(platform().calls(), Lines{"load"});
 }
 
 TEST_F(ConnectorTest, CheckOnlyWithoutAProfileExitsTwoAfterDoesntExist) {
-    const auto child = inChild([] {
-        auto connector = makeConnector();
-        connector->setCheckOnly(true);
-        connector->connect();
-        platform().completeLoad();
-    });
-    EXPECT_EQ(child.exitStatus, 2);
-    EXPECT_EQ(testing_support::messages(child.err), Lines{"IKEv2 configuration doesn't exist"});
+    auto connector = makeConnector();
+    connector->setCheckOnly(true);
+    connector->connect();
+    StderrCapture capture;
+    platform().completeLoad();
+    capture.restore();
+    EXPECT_EQ(finished().statuses(), std::vector<int>{2});
+    EXPECT_EQ(capture.messages(), Lines{"IKEv2 configuration doesn't exist"});
+    EXPECT_EQ(platform().calls(), Lines{"load"});
 }
 
 TEST_F(ConnectorTest, CheckOnlyAsksForALoadOnly) {
@@ -63,63 +63,67 @@ TEST_F(ConnectorTest, CheckOnlyAsksForALoadOnly) {
 }
 
 TEST_F(ConnectorTest, LoadFailureLogsAnErrorLineAndExitsOne) {
-    const auto child = inChild([] {
-        makeConnector()->connect();
-        platform().completeLoad(NSError{13, "permission denied"});
-    });
-    EXPECT_EQ(child.exitStatus, 1);
-    EXPECT_EQ(testing_support::messages(child.err),
-              Lines{"IKEv2 Error loading configurations: permission denied"});
+    auto connector = makeConnector();
+    connector->connect();
+    StderrCapture capture;
+    platform().completeLoad(NSError{13, "permission denied"});
+    capture.restore();
+    EXPECT_EQ(finished().statuses(), std::vector<int>{1});
+    EXPECT_EQ(capture.messages(), Lines{"IKEv2 Error loading configurations: permission denied"});
+    EXPECT_EQ(platform().calls(), Lines{"load"});
 }
 
 TEST_F(ConnectorTest, CreateOnlyWritesTheProfileAndExitsZeroWithoutAStartRequest) {
-    const auto child = inChild([] {
-        ddLogLevel = DDLogLevelVerbose;
-        auto connector = makeConnector();
-        connector->setCreateOnly(true);
-        connector->connect();
-        platform().completeLoad();
-        std::printf("%s\n", platform().calls().back().c_str());
-        std::fflush(stdout);
-        platform().completeSave();
-    });
-    EXPECT_EQ(child.exitStatus, 0);
-    EXPECT_EQ(child.out, "save\n");
-    EXPECT_EQ(testing_support::messages(child.err), Lines{"IKEv2 Configuration saved!"});
+    ddLogLevel = DDLogLevelVerbose;
+    auto connector = makeConnector();
+    connector->setCreateOnly(true);
+    connector->connect();
+    platform().completeLoad();
+    EXPECT_EQ(platform().calls(), (Lines{"load", "save"}));
+    StderrCapture capture;
+    platform().completeSave();
+    capture.restore();
+    EXPECT_EQ(finished().statuses(), std::vector<int>{0});
+    EXPECT_EQ(capture.messages(), Lines{"IKEv2 Configuration saved!"});
+    // No start is queued: the loop finds nothing to run past the delay.
+    runLoopUntil([] { return false; }, std::chrono::milliseconds(700));
+    EXPECT_TRUE(platform().startRequests().empty());
+    EXPECT_FALSE(connector->connecting());
 }
 
 TEST_F(ConnectorTest, ConfigurationSavedLineIsHiddenAtTheDefaultLevel) {
-    const auto child = inChild([] {
-        auto connector = makeConnector();
-        connector->setCreateOnly(true);
-        connector->connect();
-        platform().completeLoad();
-        platform().completeSave();
-    });
-    EXPECT_EQ(child.exitStatus, 0);
-    EXPECT_EQ(child.err, "");
+    auto connector = makeConnector();
+    connector->setCreateOnly(true);
+    connector->connect();
+    platform().completeLoad();
+    StderrCapture capture;
+    platform().completeSave();
+    capture.restore();
+    EXPECT_EQ(finished().statuses(), std::vector<int>{0});
+    EXPECT_EQ(capture.text(), "");
 }
 
 TEST_F(ConnectorTest, SaveFailureWithCode5ExitsWithStatus5AfterAnInfoLine) {
-    const auto child = inChild([] {
-        makeConnector()->connect();
-        platform().completeLoad();
-        platform().completeSave(NSError{5, "disk full"});
-    });
-    EXPECT_EQ(child.exitStatus, 5);
-    EXPECT_EQ(testing_support::messages(child.err),
-              Lines{"IKEv2 Error saving configurations: disk full"});
+    auto connector = makeConnector();
+    connector->connect();
+    platform().completeLoad();
+    StderrCapture capture;
+    platform().completeSave(NSError{5, "disk full"});
+    capture.restore();
+    EXPECT_EQ(finished().statuses(), std::vector<int>{5});
+    EXPECT_EQ(capture.messages(), Lines{"IKEv2 Error saving configurations: disk full"});
 }
 
 TEST_F(ConnectorTest, SaveFailureLineIsAnInfoLineNotAnErrorLine) {
-    const auto child = inChild([] {
-        ddLogLevel = DDLogLevelError;
-        makeConnector()->connect();
-        platform().completeLoad();
-        platform().completeSave(NSError{5, "disk full"});
-    });
-    EXPECT_EQ(child.exitStatus, 5);
-    EXPECT_EQ(child.err, "");
+    ddLogLevel = DDLogLevelError;
+    auto connector = makeConnector();
+    connector->connect();
+    platform().completeLoad();
+    StderrCapture capture;
+    platform().completeSave(NSError{5, "disk full"});
+    capture.restore();
+    EXPECT_EQ(finished().statuses(), std::vector<int>{5});
+    EXPECT_EQ(capture.text(), "");
 }
 
 TEST_F(ConnectorTest, SavedProfileCarriesExactlyTheFixedValues) {
@@ -179,56 +183,55 @@ TEST_F(ConnectorTest, StartOptionsCarryTheUserNameAndPasswordAndMarkTheConnector
 
 TEST_F(ConnectorTest, StartFailureLogsTheNilTextAndExitsOne) {
     platform().setStartError(NSError{7, "start refused"});
-    const auto child = inChild([] {
-        auto connector = makeConnector();
-        connectAndStart(*connector);
-    });
-    EXPECT_EQ(child.exitStatus, 1);
-    EXPECT_EQ(testing_support::messages(child.err),
-              Lines{"IKEv2 Error starting vpn tunnel: (null)"});
+    auto connector = makeConnector();
+    StderrCapture capture;
+    connectAndStart(*connector);
+    capture.restore();
+    EXPECT_EQ(finished().statuses(), std::vector<int>{1});
+    EXPECT_EQ(capture.messages(), Lines{"IKEv2 Error starting vpn tunnel: (null)"});
 }
 
 TEST_F(ConnectorTest, MissingPasswordAtTheStartExitsNonZeroBeforeAnyStartRequest) {
-    const auto child = inChild([] {
-        auto connector = OVConnectorIKEv2::initWithServer(std::string("203.0.113.7"),
-                                                          std::string("alice"), std::nullopt);
-        connector->connect();
-        platform().completeLoad();
-        platform().completeSave();
-        runLoopUntil([] { return false; }, std::chrono::milliseconds(1500));
-        std::printf("starts=%zu\n", platform().startRequests().size());
-    });
-    EXPECT_NE(child.exitStatus, 0);
-    EXPECT_NE(child.exitStatus, kNoExit);
-    EXPECT_EQ(child.out, "");
-    EXPECT_EQ(testing_support::messages(child.err), Lines{"IKEv2 Missing user name or password"});
+    auto connector = recording(OVConnectorIKEv2::initWithServer(
+        std::string("203.0.113.7"), std::string("alice"), std::nullopt));
+    connector->connect();
+    platform().completeLoad();
+    StderrCapture capture;
+    platform().completeSave();
+    ASSERT_TRUE(runLoopUntil([] { return finished().finished(); }));
+    capture.restore();
+    ASSERT_EQ(finished().statuses().size(), 1u);
+    EXPECT_NE(finished().statuses()[0], 0);
+    EXPECT_TRUE(platform().startRequests().empty());
+    EXPECT_EQ(capture.messages(), Lines{"IKEv2 Missing user name or password"});
 }
 
 TEST_F(ConnectorTest, MissingUserNameAtTheStartExitsNonZeroBeforeAnyStartRequest) {
-    const auto child = inChild([] {
-        auto connector = OVConnectorIKEv2::initWithServer(std::string("203.0.113.7"), std::nullopt,
-                                                          platform::Secret("pw"));
-        connector->connect();
-        platform().completeLoad();
-        platform().completeSave();
-        runLoopUntil([] { return false; }, std::chrono::milliseconds(1500));
-    });
-    EXPECT_NE(child.exitStatus, 0);
-    EXPECT_NE(child.exitStatus, kNoExit);
-    EXPECT_EQ(testing_support::messages(child.err), Lines{"IKEv2 Missing user name or password"});
+    auto connector = recording(OVConnectorIKEv2::initWithServer(std::string("203.0.113.7"),
+                                                                std::nullopt, platform::Secret("pw")));
+    connector->connect();
+    platform().completeLoad();
+    StderrCapture capture;
+    platform().completeSave();
+    ASSERT_TRUE(runLoopUntil([] { return finished().finished(); }));
+    capture.restore();
+    ASSERT_EQ(finished().statuses().size(), 1u);
+    EXPECT_NE(finished().statuses()[0], 0);
+    EXPECT_TRUE(platform().startRequests().empty());
+    EXPECT_EQ(capture.messages(), Lines{"IKEv2 Missing user name or password"});
 }
 
 TEST_F(ConnectorTest, StartWithoutAConnectionIsAStartFailure) {
     platform().setHasConnection(false);
-    const auto child = inChild([] {
-        makeConnector()->connect();
-        platform().completeLoad();
-        platform().completeSave();
-        runLoopUntil([] { return false; }, std::chrono::milliseconds(1500));
-    });
-    EXPECT_EQ(child.exitStatus, 1);
-    EXPECT_EQ(testing_support::messages(child.err),
-              Lines{"IKEv2 Error starting vpn tunnel: (null)"});
+    auto connector = makeConnector();
+    connector->connect();
+    platform().completeLoad();
+    StderrCapture capture;
+    platform().completeSave();
+    ASSERT_TRUE(runLoopUntil([] { return finished().finished(); }));
+    capture.restore();
+    EXPECT_EQ(finished().statuses(), std::vector<int>{1});
+    EXPECT_EQ(capture.messages(), Lines{"IKEv2 Error starting vpn tunnel: (null)"});
 }
 
 TEST_F(ConnectorTest, DisconnectBeforeAnyStartSendsNoStopRequestAndChangesNothing) {
@@ -307,18 +310,19 @@ TEST_F(ConnectorTest, SecondConnectRegistersASecondObserverAndRewritesTheProfile
 TEST_F(ConnectorTest, SecondStartFindsThePasswordGoneAndExitsOne) {
     // The first start takes the password; a second one (two connects, which
     // the tool never makes) has none left to send.
-    const auto child = inChild([] {
-        auto connector = makeConnector();
-        connector->connect();
-        platform().completeLoad();
-        platform().completeSave();
-        connector->connect();
-        platform().completeLoad();
-        platform().completeSave();
-        runLoopUntil([] { return false; }, std::chrono::milliseconds(1500));
-    });
-    EXPECT_EQ(child.exitStatus, 1);
-    EXPECT_EQ(testing_support::messages(child.err), Lines{"IKEv2 Missing user name or password"});
+    auto connector = makeConnector();
+    connector->connect();
+    platform().completeLoad();
+    platform().completeSave();
+    connector->connect();
+    platform().completeLoad();
+    StderrCapture capture;
+    platform().completeSave();
+    ASSERT_TRUE(runLoopUntil([] { return finished().finished(); }));
+    capture.restore();
+    EXPECT_EQ(finished().statuses(), std::vector<int>{1});
+    EXPECT_EQ(platform().startRequests().size(), 1u);
+    EXPECT_EQ(capture.messages(), Lines{"IKEv2 Missing user name or password"});
 }
 
 TEST_F(ConnectorTest, ConnectRegistersForStatusChangesBeforeLoading) {

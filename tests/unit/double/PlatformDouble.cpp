@@ -1,5 +1,6 @@
 #include "tests/unit/double/PlatformDouble.h"
 
+#include "platform/NilText.h"
 #include "platform/RunLoop.h"
 
 #include <fmt/format.h>
@@ -51,7 +52,7 @@ DoubleManager& doubleManager() {
 }
 
 std::string optionalText(const std::optional<std::string>& text) {
-    return text ? *text : "(null)";
+    return std::string(platform::orNull(text));
 }
 
 std::string describeParameters(const NEVPNIKEv2SecurityAssociationParameters& p) {

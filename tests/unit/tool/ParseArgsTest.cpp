@@ -1,6 +1,7 @@
 #include "cli/GBOptionsHelper.h"
 #include "tests/unit/cli/CaptureStdout.h"
 #include "tests/unit/double/ChildProcess.h"
+#include "tests/unit/double/FinishRecorder.h"
 #include "tests/unit/tool/ToolProcess.h"
 #include "tool/Tool.h"
 
@@ -9,19 +10,20 @@
 #include <string>
 #include <vector>
 
-using testing_support::runInChild;
+using testing_support::FinishRecorder;
+using testing_support::StderrCapture;
 using testing_support::ToolProcess;
 
 namespace {
 
-cli::GBSettingsRef parse(std::vector<std::string> words) {
+cli::GBSettingsRef parse(std::vector<std::string> words, const Finish& finish = finishProcess) {
     words.insert(words.begin(), "orvane-ikev2");
     std::vector<char*> argv;
     for (std::string& word : words) {
         argv.push_back(word.data());
     }
     argv.push_back(nullptr);
-    return parse_args(static_cast<int>(words.size()), argv.data());
+    return parse_args(static_cast<int>(words.size()), argv.data(), finish);
 }
 
 // The tool's help, byte for byte: every option line ends in a blank.
@@ -43,7 +45,7 @@ void expectHelp(const std::string& out) {
 
 TEST(ParseArgsTest, HelpOfTheToolsOptionTableIsAlignedOnTheConfigColumn) {
     cli::GBOptionsHelper options;
-    register_tool_options(options);
+    tool::register_tool_options(options);
     expectHelp(cli::test::captureStdout([&] { options.printHelp(); }));
 }
 
@@ -86,35 +88,42 @@ TEST(ParseArgsTest, OptionGivenTwiceKeepsTheLaterValue) {
               "second.conf");
 }
 
-TEST(ParseArgsTest, ShortHelpPrintsTheHelpAndEndsWithStatusOne) {
-    const auto child = runInChild([] { parse({"-h"}); });
-    EXPECT_EQ(child.exitStatus, 1);
-    expectHelp(child.out);
-}
-
-TEST(ParseArgsTest, LongHelpPrintsTheHelpAndEndsWithStatusOne) {
-    const auto child = runInChild([] { parse({"--help"}); });
-    EXPECT_EQ(child.exitStatus, 1);
-    expectHelp(child.out);
+TEST(ParseArgsTest, ShortAndLongHelpPrintTheHelpAndEndWithStatusOne) {
+    for (const char* option : {"-h", "--help"}) {
+        FinishRecorder finished;
+        cli::GBSettingsRef settings;
+        const std::string out =
+            cli::test::captureStdout([&] { settings = parse({option}, finished.finish()); });
+        EXPECT_EQ(finished.statuses(), std::vector<int>{1}) << option;
+        EXPECT_FALSE(settings) << option;
+        expectHelp(out);
+    }
 }
 
 TEST(ParseArgsTest, UnknownOptionPrintsTheParsersMessageAndTheHelpAndEndsWithStatusOne) {
-    const auto child = runInChild([] { parse({"--bogus"}); });
-    EXPECT_EQ(child.exitStatus, 1);
-    EXPECT_EQ(child.err, "Unknown command line option --bogus, try --help!\n");
-    expectHelp(child.out);
+    FinishRecorder finished;
+    StderrCapture err;
+    const std::string out =
+        cli::test::captureStdout([&] { parse({"--bogus"}, finished.finish()); });
+    err.restore();
+    EXPECT_EQ(finished.statuses(), std::vector<int>{1});
+    EXPECT_EQ(err.text(), "Unknown command line option --bogus, try --help!\n");
+    expectHelp(out);
 }
 
 TEST(ParseArgsTest, ConfigWithoutAValueIsReportedButDoesNotFailTheParse) {
-    const auto child = runInChild([] {
-        const auto settings = parse({"--check", "--config"});
-        std::printf("config=%s check=%d\n",
-                    settings->objectForKey("config").isNil() ? "nil" : "set",
-                    settings->boolForKey("check"));
-    });
-    EXPECT_EQ(child.exitStatus, 0);
-    EXPECT_EQ(child.err, "Missing value for command line option config, try --help!\n");
-    EXPECT_EQ(child.out, "config=nil check=1\n");
+    FinishRecorder finished;
+    StderrCapture err;
+    cli::GBSettingsRef settings;
+    const std::string out = cli::test::captureStdout(
+        [&] { settings = parse({"--check", "--config"}, finished.finish()); });
+    err.restore();
+    EXPECT_FALSE(finished.finished());
+    ASSERT_TRUE(settings);
+    EXPECT_TRUE(settings->objectForKey("config").isNil());
+    EXPECT_TRUE(settings->boolForKey("check"));
+    EXPECT_EQ(err.text(), "Missing value for command line option config, try --help!\n");
+    EXPECT_EQ(out, "");
 }
 
 TEST(ToolOptionsProcessTest, HelpFromTheCommandLineEndsWithStatusOne) {

@@ -1,5 +1,6 @@
 #include "log/DDLog.h"
 #include "tests/unit/double/ChildProcess.h"
+#include "tests/unit/double/FinishRecorder.h"
 #include "tool/Tool.h"
 
 #include <gtest/gtest.h>
@@ -8,7 +9,10 @@
 #include <regex>
 #include <string>
 
-using testing_support::runInChild;
+using testing_support::FinishRecorder;
+using testing_support::StderrCapture;
+using tool::run_mode;
+using tool::RunMode;
 
 namespace {
 
@@ -65,7 +69,7 @@ TEST(PlaceholdersTest,
      CheckOrCreateWithoutConfigGetPlaceholderServerAndUserNameAndAnEmptyPassword) {
     for (const char* mode : {"check", "create"}) {
         const auto settings = settingsWith({mode});
-        const auto built = build_connector(*settings, run_mode(*settings));
+        const auto built = tool::build_connector(*settings, run_mode(*settings), finishProcess);
         ASSERT_TRUE(built);
         EXPECT_TRUE(
             std::regex_match(built->server().value_or(""), std::regex(R"(\d+\.\d+\.\d+\.\d+)")));
@@ -82,7 +86,7 @@ TEST(PlaceholdersTest, ConfigFileIsReadWhenItExists) {
     ::close(fd);
     std::ofstream(name) << "ip=198.51.100.1\nusername=carol\npassword=pw\n";
     const auto settings = settingsWith({"check"}, name);
-    const auto built = build_connector(*settings, run_mode(*settings));
+    const auto built = tool::build_connector(*settings, run_mode(*settings), finishProcess);
     std::remove(name);
     EXPECT_EQ(built->server(), "198.51.100.1");
     EXPECT_EQ(built->username(), "carol");
@@ -92,12 +96,27 @@ TEST(PlaceholdersTest, ConfigFileIsReadWhenItExists) {
 TEST(PlaceholdersTest, MissingConfigFileEndsWithStatusOneInEveryMode) {
     for (auto switches : {std::initializer_list<const char*>{}, {"check"}, {"create"}}) {
         const auto settings = settingsWith(switches, "missing.conf");
-        const auto child = runInChild([&settings] {
-            DDLog::addTTYLogger();
-            build_connector(*settings, run_mode(*settings));
-        });
-        EXPECT_EQ(child.exitStatus, 1);
-        EXPECT_EQ(testing_support::messages(child.err),
+        FinishRecorder finished;
+        DDLog::addTTYLogger();
+        StderrCapture err;
+        const auto built = tool::build_connector(*settings, run_mode(*settings), finished.finish());
+        err.restore();
+        EXPECT_FALSE(built);
+        EXPECT_EQ(finished.statuses(), std::vector<int>{1});
+        EXPECT_EQ(err.messages(),
                   std::vector<std::string>{"Config file missing.conf doesn't exist!"});
     }
+}
+
+TEST(PlaceholdersTest, ConnectModeWithoutConfigEndsWithStatusOne) {
+    const auto settings = settingsWith({});
+    FinishRecorder finished;
+    DDLog::addTTYLogger();
+    StderrCapture err;
+    const auto built = tool::build_connector(*settings, run_mode(*settings), finished.finish());
+    err.restore();
+    EXPECT_FALSE(built);
+    EXPECT_EQ(finished.statuses(), std::vector<int>{1});
+    EXPECT_EQ(err.messages(),
+              std::vector<std::string>{"Must provide a config file to start vpn tunnel!"});
 }

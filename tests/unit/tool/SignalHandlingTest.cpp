@@ -56,7 +56,7 @@ class SignalHandlingTest : public ::testing::Test {
 
 TEST_F(SignalHandlingTest, FirstSignalDisconnectsAndMarksTheToolTerminated) {
     startConnector();
-    handle_signal(SIGTERM);
+    tool::handle_signal(SIGTERM);
     EXPECT_TRUE(terminated);
     EXPECT_EQ(platform().stopCount(), 1);
     EXPECT_FALSE(connector->connecting());
@@ -66,8 +66,8 @@ TEST_F(SignalHandlingTest, LaterSignalsAreOnlyLoggedAtVerboseLevel) {
     startConnector();
     ddLogLevel = DDLogLevelVerbose;
     StderrCapture capture;
-    handle_signal(SIGUSR1);
-    handle_signal(SIGINT);
+    tool::handle_signal(SIGUSR1);
+    tool::handle_signal(SIGINT);
     capture.restore();
     EXPECT_EQ(capture.messages(),
               (Lines{"Received signal " + std::to_string(SIGUSR1), "Received signal 2"}));
@@ -77,14 +77,14 @@ TEST_F(SignalHandlingTest, LaterSignalsAreOnlyLoggedAtVerboseLevel) {
 TEST_F(SignalHandlingTest, ReceivedSignalLineIsHiddenAtTheDefaultLevel) {
     startConnector();
     StderrCapture capture;
-    handle_signal(SIGINT);
+    tool::handle_signal(SIGINT);
     capture.restore();
     EXPECT_EQ(capture.text(), "");
     EXPECT_TRUE(terminated);
 }
 
 TEST_F(SignalHandlingTest, SignalWithoutAConnectorOnlyMarksTheToolTerminated) {
-    handle_signal(SIGTERM);
+    tool::handle_signal(SIGTERM);
     EXPECT_TRUE(terminated);
     EXPECT_TRUE(platform().calls().empty());
 }
@@ -120,7 +120,7 @@ TEST_F(SignalHandlingTest, SliceKeepsTurningAfterTheSignalUntilTheTunnelReportsD
     platform::addStatusObserver([&downSeen] {
         downSeen = platform().status() == platform::NEVPNStatusDisconnected;
     });
-    loop.post([] { handle_signal(SIGTERM); });
+    loop.post([] { tool::handle_signal(SIGTERM); });
     loop.dispatchAfter(20ms, [] { platform().fireStatus(platform::NEVPNStatusDisconnecting); });
     loop.dispatchAfter(40ms, [] { platform().fireStatus(platform::NEVPNStatusDisconnected); });
     const auto start = platform::RunLoop::Clock::now();
@@ -134,7 +134,7 @@ TEST_F(SignalHandlingTest, SliceEndsAtItsDeadlineWhenTheTunnelNeverReportsDiscon
     startConnector();
     platform().fireStatus(platform::NEVPNStatusConnected);
     auto& loop = platform::RunLoop::main();
-    loop.post([] { handle_signal(SIGTERM); });
+    loop.post([] { tool::handle_signal(SIGTERM); });
     loop.dispatchAfter(20ms, [] { platform().fireStatus(platform::NEVPNStatusDisconnecting); });
     const auto start = platform::RunLoop::Clock::now();
     loop.runUntil(start + 200ms);
@@ -145,7 +145,7 @@ TEST_F(SignalHandlingTest, SliceEndsAtItsDeadlineWhenTheTunnelNeverReportsDiscon
 TEST_F(SignalHandlingTest, SignalWithNoTunnelUpEndsTheSliceAtOnce) {
     startConnector();
     auto& loop = platform::RunLoop::main();
-    loop.post([] { handle_signal(SIGINT); });
+    loop.post([] { tool::handle_signal(SIGINT); });
     const auto start = platform::RunLoop::Clock::now();
     loop.runUntil(start + 5s);
     EXPECT_LT(platform::RunLoop::Clock::now() - start, 1s);

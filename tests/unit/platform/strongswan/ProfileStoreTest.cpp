@@ -1,5 +1,5 @@
 #include "platform/strongswan/ProfileStore.h"
-#include "tests/unit/strongswan/ToolProfile.h"
+#include "tests/unit/platform/strongswan/ToolProfile.h"
 
 #include <gtest/gtest.h>
 
@@ -47,15 +47,13 @@ protected:
 
 TEST_F(ProfileStoreTest, NoFileMeansNoProfile) {
     ss::ProfileStore store(file);
-    std::optional<ss::StoredProfile> loaded = sampleProfile();
-    NSError error;
-    EXPECT_TRUE(store.load(loaded, error));
-    EXPECT_FALSE(loaded.has_value());
+    auto loaded = store.load();
+    ASSERT_TRUE(loaded);
+    EXPECT_FALSE(loaded->has_value());
 }
 
 TEST_F(ProfileStoreTest, SavesAndLoadsEveryField) {
     ss::ProfileStore store(file);
-    NSError error;
     ss::StoredProfile profile = sampleProfile();
     profile.protocol.localIdentifier = "client@example.net";
     profile.protocol.childSecurityAssociationParameters = {
@@ -63,32 +61,32 @@ TEST_F(ProfileStoreTest, SavesAndLoadsEveryField) {
         platform::NEVPNIKEv2IntegrityAlgorithmSHA384, platform::NEVPNIKEv2DiffieHellmanGroup19,
         60};
     profile.protocol.deadPeerDetectionRate = platform::NEVPNIKEv2DeadPeerDetectionRateLow;
-    ASSERT_TRUE(store.save(profile, error)) << error.description;
-    std::optional<ss::StoredProfile> loaded;
-    ASSERT_TRUE(store.load(loaded, error)) << error.description;
-    ASSERT_TRUE(loaded.has_value());
-    EXPECT_EQ(*loaded, profile);
+    ASSERT_TRUE(store.save(profile)) << store.save(profile).error().text;
+    auto loaded = store.load();
+    ASSERT_TRUE(loaded) << loaded.error().text;
+    ASSERT_TRUE(loaded->has_value());
+    EXPECT_EQ(**loaded, profile);
 
     // Absent optional fields stay absent.
     profile.protocol.localIdentifier.reset();
     profile.protocol.remoteIdentifier.reset();
     profile.localizedDescription.reset();
-    ASSERT_TRUE(store.save(profile, error));
-    ASSERT_TRUE(store.load(loaded, error));
-    EXPECT_EQ(*loaded, profile);
+    ASSERT_TRUE(store.save(profile));
+    loaded = store.load();
+    ASSERT_TRUE(loaded && loaded->has_value());
+    EXPECT_EQ(**loaded, profile);
 }
 
 TEST_F(ProfileStoreTest, StrictRevocationCheckIsSavedAndDefaultsToNo) {
     ss::ProfileStore store(file);
-    NSError error;
     ss::StoredProfile profile = sampleProfile();
     for (bool strict : {true, false}) {
         profile.protocol.strictRevocationCheck = strict;
-        ASSERT_TRUE(store.save(profile, error)) << error.description;
-        std::optional<ss::StoredProfile> loaded;
-        ASSERT_TRUE(store.load(loaded, error)) << error.description;
-        ASSERT_TRUE(loaded.has_value());
-        EXPECT_EQ(loaded->protocol.strictRevocationCheck, strict);
+        ASSERT_TRUE(store.save(profile));
+        auto loaded = store.load();
+        ASSERT_TRUE(loaded) << loaded.error().text;
+        ASSERT_TRUE(loaded->has_value());
+        EXPECT_EQ((*loaded)->protocol.strictRevocationCheck, strict);
     }
 
     // A file written before the key existed reads as NO; a wrong type is
@@ -98,20 +96,19 @@ TEST_F(ProfileStoreTest, StrictRevocationCheckIsSavedAndDefaultsToNo) {
     auto at = text.find(key);
     ASSERT_NE(at, std::string::npos) << text;
     writeFile(file, std::string(text).erase(at, key.size()));
-    std::optional<ss::StoredProfile> loaded;
-    ASSERT_TRUE(store.load(loaded, error)) << error.description;
-    EXPECT_FALSE(loaded->protocol.strictRevocationCheck);
-    EXPECT_EQ(*loaded, sampleProfile());
+    auto loaded = store.load();
+    ASSERT_TRUE(loaded && loaded->has_value());
+    EXPECT_FALSE((*loaded)->protocol.strictRevocationCheck);
+    EXPECT_EQ(**loaded, sampleProfile());
     writeFile(file, std::string(text).replace(at, key.size(),
                                               "<key>StrictRevocationCheck</key><string>no</string>"));
-    EXPECT_FALSE(store.load(loaded, error));
+    EXPECT_FALSE(store.load());
 }
 
 TEST_F(ProfileStoreTest, FileIsPrivateAndFolderCreatedPrivate) {
     ss::ProfileStore store(file);
-    NSError error;
     ::umask(022);
-    ASSERT_TRUE(store.save(sampleProfile(), error)) << error.description;
+    ASSERT_TRUE(store.save(sampleProfile()));
     struct stat st {};
     ASSERT_EQ(::stat(file.c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 07777, 0600u);
@@ -125,15 +122,14 @@ TEST_F(ProfileStoreTest, FileIsPrivateAndFolderCreatedPrivate) {
 
 TEST_F(ProfileStoreTest, ReplacesTheFileAtomicallyAndLeavesNoTemporaryFiles) {
     ss::ProfileStore store(file);
-    NSError error;
-    ASSERT_TRUE(store.save(sampleProfile(), error));
+    ASSERT_TRUE(store.save(sampleProfile()));
     std::string before = readFile(file);
     // A hard link keeps the old inode: an in-place rewrite would change it.
     fs::path keep = root / "old-copy";
     fs::create_hard_link(file, keep);
     ss::StoredProfile changed = sampleProfile();
     changed.protocol.username = "bob";
-    ASSERT_TRUE(store.save(changed, error));
+    ASSERT_TRUE(store.save(changed));
     EXPECT_EQ(readFile(keep), before);
     EXPECT_NE(readFile(file).find("bob"), std::string::npos);
     int entries = 0;
@@ -150,15 +146,14 @@ TEST_F(ProfileStoreTest, RefusesSymbolicLinks) {
     writeFile(target, "untouched");
     fs::create_symlink(target, file);
     ss::ProfileStore store(file);
-    NSError error;
-    EXPECT_FALSE(store.save(sampleProfile(), error));
-    EXPECT_NE(error.description.find("symbolic link"), std::string::npos);
-    EXPECT_EQ(error.code, ss::NEVPNErrorConfigurationReadWriteFailed);
+    auto saved = store.save(sampleProfile());
+    ASSERT_FALSE(saved);
+    EXPECT_NE(saved.error().text.find("symbolic link"), std::string::npos);
+    EXPECT_EQ(saved.error().code, ss::NEVPNErrorConfigurationReadWriteFailed);
     EXPECT_EQ(readFile(target), "untouched");
-    std::optional<ss::StoredProfile> loaded;
-    error = {};
-    EXPECT_FALSE(store.load(loaded, error));
-    EXPECT_NE(error.description.find("symbolic link"), std::string::npos);
+    auto loaded = store.load();
+    ASSERT_FALSE(loaded);
+    EXPECT_NE(loaded.error().text.find("symbolic link"), std::string::npos);
 
     // A linked folder is refused as well.
     fs::path realFolder = root / "real";
@@ -166,7 +161,7 @@ TEST_F(ProfileStoreTest, RefusesSymbolicLinks) {
     fs::path linkedFolder = root / "linked";
     fs::create_directory_symlink(realFolder, linkedFolder);
     ss::ProfileStore throughLink(linkedFolder / "preferences.plist");
-    EXPECT_FALSE(throughLink.save(sampleProfile(), error));
+    EXPECT_FALSE(throughLink.save(sampleProfile()));
     EXPECT_FALSE(fs::exists(realFolder / "preferences.plist"));
 }
 
@@ -197,26 +192,21 @@ TEST_F(ProfileStoreTest, CorruptFilesAreLoadErrors) {
     ss::ProfileStore store(file);
     for (const auto& c : cases) {
         writeFile(file, c.text);
-        std::optional<ss::StoredProfile> loaded;
-        NSError error;
-        bool corrupt = false;
-        EXPECT_FALSE(store.load(loaded, error, &corrupt)) << c.what;
-        EXPECT_TRUE(corrupt) << c.what;
-        EXPECT_FALSE(loaded.has_value()) << c.what;
-        EXPECT_NE(error.code, 0) << c.what;
-        EXPECT_NE(error.description.find("preferences"), std::string::npos) << c.what;
+        auto loaded = store.load();
+        ASSERT_FALSE(loaded) << c.what;
+        // Corrupt, which is not the code of a file that cannot be read.
+        EXPECT_EQ(loaded.error().code, ss::NEVPNErrorConfigurationInvalid) << c.what;
+        EXPECT_NE(loaded.error().text.find("preferences"), std::string::npos) << c.what;
     }
 }
 
 TEST_F(ProfileStoreTest, UnreadableFileIsALoadError) {
     fs::create_directories(file);  // a folder where the file should be
     ss::ProfileStore store(file);
-    std::optional<ss::StoredProfile> loaded;
-    NSError error;
-    bool corrupt = true;
-    EXPECT_FALSE(store.load(loaded, error, &corrupt));
-    EXPECT_FALSE(corrupt) << "unreadable is not corrupt";
-    EXPECT_EQ(error.code, ss::NEVPNErrorConfigurationReadWriteFailed);
+    auto loaded = store.load();
+    ASSERT_FALSE(loaded);
+    // Unreadable, which is not corrupt.
+    EXPECT_EQ(loaded.error().code, ss::NEVPNErrorConfigurationReadWriteFailed);
 }
 
 TEST_F(ProfileStoreTest, CorruptFileIsKeptAsideReplacingAnEarlierOne) {
@@ -225,19 +215,17 @@ TEST_F(ProfileStoreTest, CorruptFileIsKeptAsideReplacingAnEarlierOne) {
     const fs::path aside = file.string() + ".corrupt";
     writeFile(aside, "older");
     writeFile(file, "not a property list");
-    NSError error;
-    ASSERT_TRUE(store.setAside(error)) << error.description;
+    ASSERT_TRUE(store.setAside());
     EXPECT_FALSE(fs::exists(file));
     EXPECT_EQ(readFile(aside), "not a property list");
-    EXPECT_TRUE(store.setAside(error)) << "nothing to keep aside is no error";
+    EXPECT_TRUE(store.setAside()) << "nothing to keep aside is no error";
 }
 
 TEST_F(ProfileStoreTest, RemoveDeletesAndToleratesAMissingFile) {
     ss::ProfileStore store(file);
-    NSError error;
-    EXPECT_TRUE(store.remove(error));
-    ASSERT_TRUE(store.save(sampleProfile(), error));
-    EXPECT_TRUE(store.remove(error));
+    EXPECT_TRUE(store.remove());
+    ASSERT_TRUE(store.save(sampleProfile()));
+    EXPECT_TRUE(store.remove());
     EXPECT_FALSE(fs::exists(file));
 }
 

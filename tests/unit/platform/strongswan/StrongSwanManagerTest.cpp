@@ -3,11 +3,11 @@
 #include "platform/strongswan/InterfaceLookup.h"
 #include "platform/strongswan/ViciProfile.h"
 #include "tests/unit/double/VirtualTimeScope.h"
-#include "tests/unit/strongswan/FakeCharon.h"
-#include "tests/unit/strongswan/LogCapture.h"
-#include "tests/unit/strongswan/PrivateLogind.h"
-#include "tests/unit/strongswan/RunIo.h"
-#include "tests/unit/strongswan/ToolProfile.h"
+#include "tests/unit/platform/strongswan/FakeCharon.h"
+#include "tests/unit/platform/strongswan/LogCapture.h"
+#include "tests/unit/platform/strongswan/PrivateLogind.h"
+#include "tests/unit/platform/strongswan/RunIo.h"
+#include "tests/unit/platform/strongswan/ToolProfile.h"
 
 #include <gtest/gtest.h>
 
@@ -254,10 +254,9 @@ TEST_F(StrongSwanManagerTest, SaveWritesThePrivateFileAndLoadsTheTypedConnection
     EXPECT_EQ(st.st_mode & 07777, 0600u);
     auto loads = server.requests("load-conn");
     ASSERT_EQ(loads.size(), 1u);
-    ViciSection expected;
-    std::string error;
-    ASSERT_TRUE(ss::buildLoadConn(toolProfile(), expected, error));
-    EXPECT_EQ(loads[0].message, expected);
+    auto expected = ss::buildLoadConn(toolProfile());
+    ASSERT_TRUE(expected);
+    EXPECT_EQ(loads[0].message, *expected);
     const ViciSection* conn = loads[0].message.section(kConn);
     ASSERT_NE(conn, nullptr);
     // Lists stay lists and scalars stay key/values on the wire.
@@ -433,8 +432,7 @@ TEST_F(StrongSwanManagerTest, StartLoadsTheSecretThenInitiatesAndFollowsTheEvent
 
 TEST_F(StrongSwanManagerTest, StartLoadsTheConnectionWhenTheSaveCouldNot) {
     fs::create_directories(prefs.parent_path());
-    platform::NSError saveError;
-    ASSERT_TRUE(ss::ProfileStore(prefs).save({toolProfile(), true, kConn}, saveError));
+    ASSERT_TRUE(ss::ProfileStore(prefs).save({toolProfile(), true, kConn}));
     make();
     ASSERT_FALSE(call(&ss::StrongSwanManager::loadFromPreferences).has_value());
     ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", Secret(kPassword)}).has_value());
@@ -483,8 +481,7 @@ TEST_F(StrongSwanManagerTest, StartWaitsForTheSystemTrustAnchors) {
     // the exchange.
     trustStoreOfTwo(server, root / "bundle.pem");
     fs::create_directories(prefs.parent_path());
-    platform::NSError saveError;
-    ASSERT_TRUE(ss::ProfileStore(prefs).save({toolProfile(), true, kConn}, saveError));
+    ASSERT_TRUE(ss::ProfileStore(prefs).save({toolProfile(), true, kConn}));
     make([&](ss::StrongSwanOptions& o) { o.trustBundles = {(root / "bundle.pem").string()}; });
     ASSERT_FALSE(call(&ss::StrongSwanManager::loadFromPreferences).has_value());
     ASSERT_FALSE(manager->connection()->startVPNTunnel({"alice", Secret(kPassword)}).has_value());

@@ -1,5 +1,5 @@
 #include "platform/strongswan/ViciProfile.h"
-#include "tests/unit/strongswan/ToolProfile.h"
+#include "tests/unit/platform/strongswan/ToolProfile.h"
 
 #include <gtest/gtest.h>
 
@@ -9,6 +9,18 @@ using ss::ViciSection;
 
 namespace {
 
+// The message of a build that must succeed; empty (after a failure) when
+// it did not.
+ViciSection built(const ss::Result<ViciSection>& result) {
+    EXPECT_TRUE(result) << (result ? "" : result.error().text);
+    return result ? *result : ViciSection{};
+}
+
+// The error of a build that must fail.
+std::string refusal(const ss::Result<ViciSection>& result) {
+    EXPECT_FALSE(result);
+    return result ? std::string() : result.error().text;
+}
 
 // One expected entry: path of sections, kind, and the value or items.
 struct Expect {
@@ -42,9 +54,7 @@ std::string joined(const std::vector<std::string>& path) {
 }
 
 TEST(ViciProfileTest, ToolProfileBecomesTheExpectedTypedConnection) {
-    ViciSection message;
-    std::string error;
-    ASSERT_TRUE(ss::buildLoadConn(testprofile::toolProfile("server.example.net"), message, error)) << error;
+    ViciSection message = built(ss::buildLoadConn(testprofile::toolProfile("server.example.net")));
     using K = ViciEntry::Kind;
     const std::string c = "Orvane IKEv2";
     std::vector<Expect> expected = {
@@ -98,9 +108,7 @@ TEST(ViciProfileTest, OptionalSettingsChangeOnlyTheirKeys) {
     p.localIdentifier = "client.example.net";
     p.IKESecurityAssociationParameters.lifetimeMinutes = 0;
     p.childSecurityAssociationParameters.lifetimeMinutes = 0;
-    ViciSection message;
-    std::string error;
-    ASSERT_TRUE(ss::buildLoadConn(p, message, error)) << error;
+    ViciSection message = built(ss::buildLoadConn(p));
     const ViciSection& conn = *message.section("Orvane IKEv2");
     EXPECT_EQ(*conn.section("children")->section("orvane")->list("esp_proposals"),
               std::vector<std::string>{"aes256-sha256"});
@@ -125,9 +133,7 @@ TEST(ViciProfileTest, RevocationAsThePlatformChecksIt) {
         auto p = testprofile::toolProfile();
         p.enableRevocationCheck = c.check;
         p.strictRevocationCheck = c.strict;
-        ViciSection message;
-        std::string error;
-        ASSERT_TRUE(ss::buildLoadConn(p, message, error)) << error;
+        ViciSection message = built(ss::buildLoadConn(p));
         EXPECT_EQ(message.section("Orvane IKEv2")->section("remote")->get("revocation"), c.policy)
             << c.check << c.strict;
     }
@@ -137,17 +143,14 @@ TEST(ViciProfileTest, ConfigurationValuesReachCharonLiterally) {
     auto p = testprofile::toolProfile("%any");
     p.username = "@alice";
     p.serverAddress = "192.0.2.2";
-    ViciSection message;
-    std::string error;
-    ASSERT_TRUE(ss::buildLoadConn(p, message, error)) << error;
+    ViciSection message = built(ss::buildLoadConn(p));
     const ViciSection& conn = *message.section("Orvane IKEv2");
     EXPECT_EQ(*conn.list("remote_addrs"), std::vector<std::string>{"192.0.2.2"});
     EXPECT_EQ(conn.section("remote")->get("id"), "fqdn:%any");
     EXPECT_EQ(conn.section("local")->get("id"), "email:@alice");
     EXPECT_EQ(conn.section("local")->get("eap_id"), "email:@alice");
 
-    ViciSection shared;
-    ASSERT_TRUE(ss::buildLoadShared("@alice", platform::Secret("pw"), shared, error)) << error;
+    ViciSection shared = built(ss::buildLoadShared("@alice", platform::Secret("pw")));
     EXPECT_EQ(*shared.list("owners"), std::vector<std::string>{"email:@alice"});
 }
 
@@ -169,23 +172,15 @@ TEST(ViciProfileTest, ValuesCharonWouldReadMoreIntoAreRefused) {
         auto p = testprofile::toolProfile(c.remote);
         p.serverAddress = c.server;
         p.username = c.user;
-        ViciSection message;
-        std::string error;
-        EXPECT_FALSE(ss::buildLoadConn(p, message, error)) << c.error;
+        const std::string error = refusal(ss::buildLoadConn(p));
         EXPECT_EQ(error.rfind(c.error, 0), 0u) << error;
-        EXPECT_TRUE(message.empty());
     }
     auto p = testprofile::toolProfile();
     p.remoteIdentifier.reset();
-    ViciSection message;
-    std::string error;
-    EXPECT_FALSE(ss::buildLoadConn(p, message, error));
-    EXPECT_EQ(error, "no remote identifier");
+    EXPECT_EQ(refusal(ss::buildLoadConn(p)), "no remote identifier");
 
-    ViciSection shared;
-    EXPECT_FALSE(ss::buildLoadShared(std::string(300, 'a'), platform::Secret("pw"), shared, error));
-    EXPECT_NE(error.find("too long"), std::string::npos);
-    EXPECT_TRUE(shared.empty());
+    EXPECT_NE(refusal(ss::buildLoadShared(std::string(300, 'a'), platform::Secret("pw"))).find("too long"),
+              std::string::npos);
 }
 
 TEST(ViciProfileTest, DeadPeerDetectionRates) {
@@ -250,46 +245,40 @@ TEST(ViciProfileTest, ProposalsForEveryAlgorithm) {
         sa.encryptionAlgorithm = c.encryption;
         sa.integrityAlgorithm = c.integrity;
         sa.diffieHellmanGroup = c.group;
-        std::string out;
-        std::string error;
-        ASSERT_TRUE(ss::ikeProposal(sa, out, error)) << c.ike << error;
-        EXPECT_EQ(out, c.ike);
-        ASSERT_TRUE(ss::espProposal(sa, true, out, error));
-        EXPECT_EQ(out, c.espWithPfs);
-        ASSERT_TRUE(ss::espProposal(sa, false, out, error));
-        EXPECT_EQ(out, c.espWithoutPfs);
+        auto ike = ss::ikeProposal(sa);
+        ASSERT_TRUE(ike) << c.ike << ike.error().text;
+        EXPECT_EQ(*ike, c.ike);
+        auto withPfs = ss::espProposal(sa, true);
+        ASSERT_TRUE(withPfs);
+        EXPECT_EQ(*withPfs, c.espWithPfs);
+        auto withoutPfs = ss::espProposal(sa, false);
+        ASSERT_TRUE(withoutPfs);
+        EXPECT_EQ(*withoutPfs, c.espWithoutPfs);
     }
 }
 
 TEST(ViciProfileTest, RefusesWhatCharonCouldNotUse) {
-    std::string error;
-    ViciSection message;
     auto p = testprofile::toolProfile("server.example.net");
     p.serverAddress.reset();
-    EXPECT_FALSE(ss::buildLoadConn(p, message, error));
-    EXPECT_NE(error.find("server"), std::string::npos);
+    EXPECT_NE(refusal(ss::buildLoadConn(p)).find("server"), std::string::npos);
 
     p = testprofile::toolProfile("server.example.net");
     p.IKESecurityAssociationParameters.encryptionAlgorithm =
         static_cast<platform::NEVPNIKEv2EncryptionAlgorithm>(42);
-    EXPECT_FALSE(ss::buildLoadConn(p, message, error));
-    EXPECT_NE(error.find("42"), std::string::npos);
+    EXPECT_NE(refusal(ss::buildLoadConn(p)).find("42"), std::string::npos);
 
     p = testprofile::toolProfile("server.example.net");
     p.childSecurityAssociationParameters.diffieHellmanGroup =
         static_cast<platform::NEVPNIKEv2DiffieHellmanGroup>(3);
-    EXPECT_FALSE(ss::buildLoadConn(p, message, error));
+    refusal(ss::buildLoadConn(p));
 
     p = testprofile::toolProfile("server.example.net");
     p.username.reset();
-    EXPECT_FALSE(ss::buildLoadConn(p, message, error));
+    refusal(ss::buildLoadConn(p));
 }
 
 TEST(ViciProfileTest, ControlMessages) {
-    ViciSection shared;
-    std::string error;
-    ASSERT_TRUE(ss::buildLoadShared("alice", platform::Secret("s3cret pass"), shared, error))
-        << error;
+    ViciSection shared = built(ss::buildLoadShared("alice", platform::Secret("s3cret pass")));
     EXPECT_EQ(shared.get("id"), "orvane-ikev2-eap");
     EXPECT_EQ(shared.get("type"), "EAP");
     EXPECT_EQ(shared.get("data"), "s3cret pass");
@@ -315,9 +304,7 @@ TEST(ViciProfileTest, ControlMessages) {
 TEST(ViciProfileTest, IkeSaIsRekeyedFiveMinutesBeforeALongLifetimeEnds) {
     // charon re-authenticates this margin before a server's AUTH_LIFETIME
     // ends: an hour-long server lifetime must not look already due.
-    ViciSection message;
-    std::string error;
-    ASSERT_TRUE(ss::buildLoadConn(testprofile::toolProfile(), message, error)) << error;
+    ViciSection message = built(ss::buildLoadConn(testprofile::toolProfile()));
     const ViciSection& conn = *message.section("Orvane IKEv2");
     EXPECT_EQ(conn.get("rekey_time"), "86100s");
     EXPECT_EQ(conn.get("over_time"), "300s");
@@ -326,9 +313,7 @@ TEST(ViciProfileTest, IkeSaIsRekeyedFiveMinutesBeforeALongLifetimeEnds) {
 TEST(ViciProfileTest, ShortIkeLifetimeKeepsATenPercentMargin) {
     auto p = testprofile::toolProfile();
     p.IKESecurityAssociationParameters.lifetimeMinutes = 10;
-    ViciSection message;
-    std::string error;
-    ASSERT_TRUE(ss::buildLoadConn(p, message, error)) << error;
+    ViciSection message = built(ss::buildLoadConn(p));
     const ViciSection& conn = *message.section("Orvane IKEv2");
     EXPECT_EQ(conn.get("rekey_time"), "540s");
     EXPECT_EQ(conn.get("over_time"), "60s");

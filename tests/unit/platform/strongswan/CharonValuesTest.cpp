@@ -6,36 +6,31 @@ namespace ss = platform::strongswan;
 
 namespace {
 
+std::string valueOf(const ss::Result<std::string>& result, const std::string& value) {
+    EXPECT_TRUE(result) << value << ": " << (result ? "" : result.error().text);
+    return result ? *result : std::string();
+}
+
+std::string errorOf(const ss::Result<std::string>& result, const std::string& value) {
+    EXPECT_FALSE(result) << value;
+    return result ? std::string() : result.error().text;
+}
+
 std::string server(const std::string& value) {
-    std::string out;
-    std::string error;
-    EXPECT_TRUE(ss::literalServerAddress(value, out, error)) << value << ": " << error;
-    return out;
+    return valueOf(ss::literalServerAddress(value), value);
 }
 
 // The error for a refused server address.
 std::string serverError(const std::string& value) {
-    std::string out = "untouched";
-    std::string error;
-    EXPECT_FALSE(ss::literalServerAddress(value, out, error)) << value;
-    EXPECT_EQ(out, "untouched") << value;
-    return error;
+    return errorOf(ss::literalServerAddress(value), value);
 }
 
 std::string identity(const std::string& value, std::size_t limit = ss::kCharonIdentityLimit) {
-    std::string out;
-    std::string error;
-    EXPECT_TRUE(ss::literalIdentity(value, "remote identifier", limit, out, error))
-        << value << ": " << error;
-    return out;
+    return valueOf(ss::literalIdentity(value, "remote identifier", limit), value);
 }
 
 std::string identityError(const std::string& value, std::size_t limit = ss::kCharonIdentityLimit) {
-    std::string out = "untouched";
-    std::string error;
-    EXPECT_FALSE(ss::literalIdentity(value, "remote identifier", limit, out, error)) << value;
-    EXPECT_EQ(out, "untouched") << value;
-    return error;
+    return errorOf(ss::literalIdentity(value, "remote identifier", limit), value);
 }
 
 TEST(CharonValuesTest, OneServerAddressOrNameIsPassedAsTyped) {

@@ -1,6 +1,6 @@
 #include "platform/strongswan/DisconnectLog.h"
 
-#include "tests/unit/strongswan/FakeCharon.h"
+#include "tests/unit/platform/strongswan/FakeCharon.h"
 
 #include <gtest/gtest.h>
 

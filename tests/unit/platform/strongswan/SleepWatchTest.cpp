@@ -3,9 +3,9 @@
 #include "platform/LoopClock.h"
 #include "platform/strongswan/DisconnectLog.h"
 #include "tests/unit/double/VirtualTimeScope.h"
-#include "tests/unit/strongswan/LogCapture.h"
-#include "tests/unit/strongswan/PrivateLogind.h"
-#include "tests/unit/strongswan/RunIo.h"
+#include "tests/unit/platform/strongswan/LogCapture.h"
+#include "tests/unit/platform/strongswan/PrivateLogind.h"
+#include "tests/unit/platform/strongswan/RunIo.h"
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,7 @@
 #include "platform/strongswan/ViciClient.h"
 
 #include "tests/unit/double/VirtualTimeScope.h"
-#include "tests/unit/strongswan/FakeCharon.h"
+#include "tests/unit/platform/strongswan/FakeCharon.h"
 
 #include <gtest/gtest.h>
 
@@ -11,6 +11,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -52,8 +53,7 @@ ViciSection kv(const std::string& key, const std::string& value) {
 std::string frameOf(ViciPacketType type, const std::string& name = {},
                     const ViciSection* message = nullptr) {
     std::string out;
-    std::string error;
-    ss::encodeViciFrame(type, name, message, out, error);
+    EXPECT_TRUE(ss::encodeViciFrame(type, name, message, out));
     return out;
 }
 
@@ -63,8 +63,7 @@ class ViciClientTest : public ::testing::Test {
 protected:
     std::shared_ptr<ss::ViciClient> connectClient() {
         auto client = ss::ViciClient::create(io, server.path());
-        std::string error;
-        EXPECT_TRUE(client->connect(error)) << error;
+        EXPECT_TRUE(client->connect());
         client->setEventHandler([this](const std::string& name, const ViciSection& event) {
             events.emplace_back(name, event);
             order.push_back("event:" + name);
@@ -83,9 +82,10 @@ protected:
 
 TEST_F(ViciClientTest, ConnectFailsWhenNoDaemonListens) {
     auto client = ss::ViciClient::create(io, server.directory() + "/missing.vici");
-    std::string error;
-    EXPECT_FALSE(client->connect(error));
-    EXPECT_NE(error.find("missing.vici"), std::string::npos);
+    auto connected = client->connect();
+    ASSERT_FALSE(connected);
+    EXPECT_NE(connected.error().text.find("missing.vici"), std::string::npos);
+    EXPECT_EQ(connected.error().cause.value(), ENOENT);
     bool answered = false;
     client->request("version", {}, [&](ViciReply reply) {
         answered = true;
@@ -363,8 +363,7 @@ TEST_F(ViciClientTest, SyncClientExchangesAndBoundsItsWait) {
         link.respond(kv("success", "yes"));
     });
     ss::ViciSyncClient sync(server.path());
-    std::string error;
-    ASSERT_TRUE(sync.connect(error)) << error;
+    ASSERT_TRUE(sync.connect());
     std::vector<std::string> seen;
     auto deadline = ss::ViciSyncClient::Clock::now() + 1000ms;
     EXPECT_TRUE(sync.request("late", {}, LoopClock::now() + 100ms).succeeded())
@@ -388,17 +387,14 @@ TEST_F(ViciClientTest, SyncClientExchangesAndBoundsItsWait) {
         << "a timeout closes the connection";
 
     ss::ViciSyncClient absent(server.directory() + "/none");
-    EXPECT_FALSE(absent.connect(error));
+    EXPECT_FALSE(absent.connect());
 }
 
 TEST_F(ViciClientTest, SyncSendReturnsOnceWritten) {
     ss::ViciSyncClient sync(server.path());
-    std::string error;
-    ASSERT_TRUE(sync.connect(error));
+    ASSERT_TRUE(sync.connect());
     server.on("terminate", [](Link&, const ViciSection&) {});
-    ASSERT_TRUE(sync.send("terminate", kv("ike", "x"), ss::ViciSyncClient::Clock::now() + 500ms,
-                          error))
-        << error;
+    ASSERT_TRUE(sync.send("terminate", kv("ike", "x"), ss::ViciSyncClient::Clock::now() + 500ms));
     EXPECT_TRUE(server.waitFor([&] { return server.requests("terminate").size() == 1; }, 60s));
 }
 
@@ -446,9 +442,9 @@ std::vector<std::string> readRequests(int fd, std::size_t count, std::chrono::mi
     char buffer[4096];
     while (names.size() < count) {
         if (reader.next(body, error) == ss::ViciFrameReader::Result::Packet) {
-            ss::ViciPacket packet;
-            EXPECT_TRUE(ss::decodeViciPacket(body, packet, error)) << error;
-            names.push_back(packet.name);
+            auto packet = ss::decodeViciPacket(body);
+            EXPECT_TRUE(packet) << (packet ? "" : packet.error().text);
+            names.push_back(packet ? packet->name : std::string());
             continue;
         }
         if (!readableWithin(fd, limit)) {
@@ -478,11 +474,10 @@ bool closedWithin(int fd, std::chrono::milliseconds limit) {
 
 void leaveTwoRequests(const std::string& path, std::chrono::milliseconds limit) {
     ss::ViciSyncClient sync(path);
-    std::string error;
-    ASSERT_TRUE(sync.connect(error)) << error;
+    ASSERT_TRUE(sync.connect());
     auto deadline = ss::ViciSyncClient::Clock::now() + 500ms;
-    ASSERT_TRUE(sync.send("unload-shared", kv("id", "x"), deadline, error)) << error;
-    ASSERT_TRUE(sync.send("terminate", kv("ike", "x"), deadline, error)) << error;
+    ASSERT_TRUE(sync.send("unload-shared", kv("id", "x"), deadline));
+    ASSERT_TRUE(sync.send("terminate", kv("ike", "x"), deadline));
     ASSERT_TRUE(sync.leaveOpenUntilAnswered(2, limit));
 }
 

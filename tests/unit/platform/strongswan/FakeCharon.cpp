@@ -1,4 +1,4 @@
-#include "tests/unit/strongswan/FakeCharon.h"
+#include "tests/unit/platform/strongswan/FakeCharon.h"
 
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -28,9 +28,8 @@ void writeAll(int fd, const std::string& bytes) {
 
 std::string frame(ViciPacketType type, const std::string& name, const ViciSection* message) {
     std::string out;
-    std::string error;
-    if (!ss::encodeViciFrame(type, name, message, out, error)) {
-        throw std::runtime_error(error);
+    if (auto encoded = ss::encodeViciFrame(type, name, message, out); !encoded) {
+        throw std::runtime_error(encoded.error().text);
     }
     return out;
 }
@@ -174,11 +173,12 @@ void FakeCharon::readLoop(Link* link) {
                 link->hangUp();
                 return;
             }
-            ViciPacket packet;
-            if (!ss::decodeViciPacket(body, packet, error)) {
+            auto decoded = ss::decodeViciPacket(body);
+            if (!decoded) {
                 link->hangUp();
                 return;
             }
+            ViciPacket& packet = *decoded;
             {
                 std::lock_guard lock(mutex_);
                 received_.push_back({link->index_, packet});

@@ -12,6 +12,16 @@ using ss::ViciSection;
 
 namespace {
 
+// `message` encoded and decoded again; empty after a failure.
+ViciSection roundTrip(const ViciSection& message) {
+    std::string out;
+    auto encoded = ss::encodeViciMessage(message, out);
+    EXPECT_TRUE(encoded) << (encoded ? "" : encoded.error().text);
+    auto back = ss::decodeViciMessage(out);
+    EXPECT_TRUE(back) << (back ? "" : back.error().text);
+    return back ? *back : ViciSection{};
+}
+
 std::string bytes(std::initializer_list<int> values) {
     std::string out;
     for (int v : values) {
@@ -82,8 +92,8 @@ std::vector<FrameCase> frameCases() {
 TEST(ViciMessageTest, EncodesTheKnownFrames) {
     for (const auto& c : frameCases()) {
         std::string out;
-        std::string error;
-        ASSERT_TRUE(ss::encodeViciFrame(c.packet, out, error)) << c.what << ": " << error;
+        auto encoded = ss::encodeViciFrame(c.packet, out);
+        ASSERT_TRUE(encoded) << c.what << ": " << encoded.error().text;
         EXPECT_EQ(out, c.frame) << c.what;
     }
 }
@@ -95,9 +105,9 @@ TEST(ViciMessageTest, DecodesTheKnownFrames) {
         std::string body;
         std::string error;
         ASSERT_EQ(reader.next(body, error), ss::ViciFrameReader::Result::Packet) << c.what;
-        ViciPacket decoded;
-        ASSERT_TRUE(ss::decodeViciPacket(body, decoded, error)) << c.what << ": " << error;
-        EXPECT_EQ(decoded, c.packet) << c.what;
+        auto decoded = ss::decodeViciPacket(body);
+        ASSERT_TRUE(decoded) << c.what << ": " << decoded.error().text;
+        EXPECT_EQ(*decoded, c.packet) << c.what;
         EXPECT_EQ(reader.next(body, error), ss::ViciFrameReader::Result::NeedMore) << c.what;
     }
 }
@@ -105,11 +115,7 @@ TEST(ViciMessageTest, DecodesTheKnownFrames) {
 TEST(ViciMessageTest, KeepsOrderAndTellsListsFromValues) {
     ViciSection s;
     s.add("z", "1").addList("a", {"2"}).add("m", "3");
-    std::string out;
-    std::string error;
-    ASSERT_TRUE(ss::encodeViciMessage(s, out, error));
-    ViciSection back;
-    ASSERT_TRUE(ss::decodeViciMessage(out, back, error)) << error;
+    ViciSection back = roundTrip(s);
     ASSERT_EQ(back.entries().size(), 3u);
     EXPECT_EQ(back.entries()[0].name, "z");
     EXPECT_EQ(back.entries()[1].name, "a");
@@ -126,22 +132,14 @@ TEST(ViciMessageTest, CarriesArbitraryValueBytes) {
     ViciSection s;
     std::string binary("\0\x01\xff\n", 4);
     s.add("data", binary);
-    std::string out;
-    std::string error;
-    ASSERT_TRUE(ss::encodeViciMessage(s, out, error));
-    ViciSection back;
-    ASSERT_TRUE(ss::decodeViciMessage(out, back, error));
+    ViciSection back = roundTrip(s);
     EXPECT_EQ(back.get("data"), binary);
 }
 
 TEST(ViciMessageTest, AcceptsTheLargestNameAndValue) {
     ViciSection s;
     s.add(std::string(255, 'n'), std::string(65535, 'v'));
-    std::string out;
-    std::string error;
-    ASSERT_TRUE(ss::encodeViciMessage(s, out, error)) << error;
-    ViciSection back;
-    ASSERT_TRUE(ss::decodeViciMessage(out, back, error)) << error;
+    ViciSection back = roundTrip(s);
     EXPECT_EQ(back, s);
 }
 
@@ -182,9 +180,9 @@ TEST(ViciMessageTest, RefusesToEncodeWhatTheWireCannotCarry) {
     }
     for (const auto& c : cases) {
         std::string out;
-        std::string error;
-        EXPECT_FALSE(ss::encodeViciMessage(c.message, out, error)) << c.what;
-        EXPECT_FALSE(error.empty()) << c.what;
+        auto encoded = ss::encodeViciMessage(c.message, out);
+        ASSERT_FALSE(encoded) << c.what;
+        EXPECT_FALSE(encoded.error().text.empty()) << c.what;
     }
 }
 
@@ -194,9 +192,9 @@ TEST(ViciMessageTest, RefusesToEncodeAnOversizedPacket) {
         s.add("k" + std::to_string(i), std::string(65535, 'v'));
     }
     std::string out;
-    std::string error;
-    EXPECT_FALSE(ss::encodeViciFrame(packet(ViciPacketType::CmdRequest, "load-conn", s), out, error));
-    EXPECT_NE(error.find("exceeds"), std::string::npos);
+    auto encoded = ss::encodeViciFrame(packet(ViciPacketType::CmdRequest, "load-conn", s), out);
+    ASSERT_FALSE(encoded);
+    EXPECT_NE(encoded.error().text.find("exceeds"), std::string::npos);
 }
 
 struct DecodeFailure {
@@ -242,10 +240,9 @@ std::vector<DecodeFailure> malformedPackets() {
 
 TEST(ViciMessageTest, RefusesEveryMalformedPacket) {
     for (const auto& c : malformedPackets()) {
-        ViciPacket decoded;
-        std::string error;
-        EXPECT_FALSE(ss::decodeViciPacket(c.packet, decoded, error)) << c.what;
-        EXPECT_FALSE(error.empty()) << c.what;
+        auto decoded = ss::decodeViciPacket(c.packet);
+        ASSERT_FALSE(decoded) << c.what;
+        EXPECT_FALSE(decoded.error().text.empty()) << c.what;
     }
 }
 
@@ -256,11 +253,7 @@ TEST(ViciMessageTest, AcceptsNestingUpToTheBound) {
         at = &at->addSection("d");
     }
     at->add("k", "v");
-    std::string out;
-    std::string error;
-    ASSERT_TRUE(ss::encodeViciMessage(s, out, error)) << error;
-    ViciSection back;
-    ASSERT_TRUE(ss::decodeViciMessage(out, back, error)) << error;
+    ViciSection back = roundTrip(s);
     EXPECT_EQ(back, s);
 }
 
@@ -268,8 +261,8 @@ TEST(ViciMessageTest, ReaderReassemblesSplitFramesAndKeepsBackToBackOnesApart) {
     std::string a;
     std::string b;
     std::string error;
-    ASSERT_TRUE(ss::encodeViciFrame(packet(ViciPacketType::CmdRequest, "version"), a, error));
-    ASSERT_TRUE(ss::encodeViciFrame(packet(ViciPacketType::EventConfirm), b, error));
+    ASSERT_TRUE(ss::encodeViciFrame(packet(ViciPacketType::CmdRequest, "version"), a));
+    ASSERT_TRUE(ss::encodeViciFrame(packet(ViciPacketType::EventConfirm), b));
     std::string stream = a + b;
     ss::ViciFrameReader reader;
     std::vector<std::string> got;
@@ -316,8 +309,7 @@ namespace {
 TEST(ViciMessageTest, PredictsTheEncodedSizeExactly) {
     for (const auto& c : frameCases()) {
         std::string out;
-        std::string error;
-        ASSERT_TRUE(ss::encodeViciMessage(c.packet.message, out, error));
+        ASSERT_TRUE(ss::encodeViciMessage(c.packet.message, out));
         EXPECT_EQ(ss::viciMessageSize(c.packet.message), out.size()) << c.what;
     }
 }

@@ -30,31 +30,31 @@ class ProfileLockTest : public ::testing::Test {
 
 TEST_F(ProfileLockTest, SecondHolderIsRefusedAndToldTheFirstOnesPid) {
     ss::ProfileLock first(path);
-    std::string error;
-    ASSERT_TRUE(first.acquire(error)) << error;
+    ASSERT_TRUE(first.acquire());
     EXPECT_TRUE(first.held());
-    EXPECT_TRUE(first.acquire(error)) << "taking it again is fine";
+    EXPECT_TRUE(first.acquire()) << "taking it again is fine";
     ss::ProfileLock second(path);
-    EXPECT_FALSE(second.acquire(error));
+    auto refused = second.acquire();
+    ASSERT_FALSE(refused);
     EXPECT_FALSE(second.held());
-    EXPECT_EQ(error, "the profile is in use by another orvane-ikev2 (pid " +
+    EXPECT_EQ(refused.error().text, "the profile is in use by another orvane-ikev2 (pid " +
                          std::to_string(::getpid()) + ")");
 }
 
 TEST_F(ProfileLockTest, LockIsFreeOnceTheHolderIsGone) {
-    std::string error;
     auto first = std::make_unique<ss::ProfileLock>(path);
-    ASSERT_TRUE(first->acquire(error));
+    ASSERT_TRUE(first->acquire());
     first.reset();
     ss::ProfileLock second(path);
-    EXPECT_TRUE(second.acquire(error)) << error;
+    EXPECT_TRUE(second.acquire());
 }
 
 TEST_F(ProfileLockTest, LockInAFolderThatIsNotThereIsAnError) {
     ss::ProfileLock lock((root / "missing" / "orvane-ikev2.lock").string());
-    std::string error;
-    EXPECT_FALSE(lock.acquire(error));
-    EXPECT_NE(error.find("cannot open the lock"), std::string::npos) << error;
+    auto refused = lock.acquire();
+    ASSERT_FALSE(refused);
+    EXPECT_NE(refused.error().text.find("cannot open the lock"), std::string::npos)
+        << refused.error().text;
 }
 
 }  // namespace

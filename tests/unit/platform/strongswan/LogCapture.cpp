@@ -1,4 +1,4 @@
-#include "tests/unit/strongswan/LogCapture.h"
+#include "tests/unit/platform/strongswan/LogCapture.h"
 
 #include "log/DDLog.h"
 
