@@ -196,9 +196,8 @@ void ViciRequestTimeout(benchmark::State& state) {
     Lateness lateness(state);
     for (auto _ : state) {
         auto client = ss::ViciClient::create(io, daemon.path());
-        std::string error;
-        if (!client->connect(error)) {
-            state.SkipWithError(error.c_str());
+        if (auto connected = client->connect(); !connected) {
+            state.SkipWithError(connected.error().text.c_str());
             return;
         }
         const Clock::time_point bound = Clock::now() + 20ms;
@@ -220,9 +219,8 @@ void ViciSyncDeadline(benchmark::State& state) {
     Lateness lateness(state);
     for (auto _ : state) {
         ss::ViciSyncClient client(daemon.path());
-        std::string error;
-        if (!client.connect(error)) {
-            state.SkipWithError(error.c_str());
+        if (auto connected = client.connect(); !connected) {
+            state.SkipWithError(connected.error().text.c_str());
             return;
         }
         const Clock::time_point deadline = Clock::now() + 20ms;
@@ -237,9 +235,8 @@ void ViciDrainQuiet(benchmark::State& state) {
     SilentDaemon daemon;
     asio::io_context io;
     auto client = ss::ViciClient::create(io, daemon.path());
-    std::string error;
-    if (!client->connect(error)) {
-        state.SkipWithError(error.c_str());
+    if (auto connected = client->connect(); !connected) {
+        state.SkipWithError(connected.error().text.c_str());
         return;
     }
     Lateness lateness(state);

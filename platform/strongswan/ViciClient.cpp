@@ -49,6 +49,8 @@ int pollUntil(pollfd& pfd, LoopClock::time_point deadline, Until until) {
             return 0;
         }
     }
+}
+
 // The answer that `packet` gives to a request of type `sent`; none when it
 // answers no such request (charon never sends one unasked).
 std::optional<ViciReply> replyTo(ViciPacketType sent, ViciPacket& packet) {
