@@ -23,7 +23,7 @@ class GBSettings;
 using GBSettingsRef = std::shared_ptr<GBSettings>;
 
 class GBSettings {
-public:
+  public:
     // A level without name, parent or storage (the plain initialiser): every
     // write to it is lost and every read finds nothing.
     GBSettings() = default;
@@ -76,7 +76,7 @@ public:
     bool loadSettingsFromPlist(const std::string& path, std::optional<NSError>* error);
     bool saveSettingsToPlist(const std::string& path, std::optional<NSError>* error) const;
 
-private:
+  private:
     std::optional<std::string> name_;
     GBSettingsRef parent_;
     std::optional<std::set<std::string>> arrayKeys_;

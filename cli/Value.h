@@ -25,7 +25,7 @@
 namespace cli {
 
 class Value {
-public:
+  public:
     enum class Kind { Nil, String, Number, Array, Dictionary, Data, Date, UID };
 
     // What a number was made from; decides its text form and its type in a
@@ -129,7 +129,7 @@ public:
 
     struct Object;
 
-private:
+  private:
     explicit Value(std::shared_ptr<Object> object) : object_(std::move(object)) {}
     std::shared_ptr<Object> object_;
 };

@@ -4,7 +4,6 @@
 #include "platform/NilText.h"
 #include "platform/RunLoop.h"
 
-
 using namespace platform;
 
 std::string NSStringFromNEVPNStatus(NEVPNStatus status) {
@@ -136,8 +135,7 @@ void OVConnectorIKEv2::saveCompleted(const OptionalError& error) {
         return;
     }
     auto self = shared_from_this();
-    RunLoop::main().dispatchAfter(kTunnelStartDelay,
-                                  [self, error] { self->startTunnel(error); });
+    RunLoop::main().dispatchAfter(kTunnelStartDelay, [self, error] { self->startTunnel(error); });
 }
 
 void OVConnectorIKEv2::startTunnel(const OptionalError& saveError) {
@@ -164,9 +162,8 @@ void OVConnectorIKEv2::startTunnel(const OptionalError& saveError) {
     if (startError) {
         DDLogDebug("IKEv2 Start refused: {}", startError->description);
         // Deliberately the save handler's error, not the start error.
-        DDLogInfo(
-            "IKEv2 Error starting vpn tunnel: {}",
-            saveError ? std::string_view(saveError->description) : kNilText);
+        DDLogInfo("IKEv2 Error starting vpn tunnel: {}",
+                  saveError ? std::string_view(saveError->description) : kNilText);
         finish_(1);
     }
 }

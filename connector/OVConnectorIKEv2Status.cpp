@@ -48,10 +48,9 @@ void OVConnectorIKEv2::vpnStatusChanged() {
 }
 
 OVConnectorIKEv2::OptionalString OVConnectorIKEv2::adapterId() {
-    return chooseServiceInterface(copyAllNetworkServices(), kVPNProfileName,
-                                  [](const OptionalString& name) {
-                                      DDLogVerbose("Service: {}", orNull(name));
-                                  });
+    return chooseServiceInterface(
+        copyAllNetworkServices(), kVPNProfileName,
+        [](const OptionalString& name) { DDLogVerbose("Service: {}", orNull(name)); });
 }
 
 std::string OVConnectorIKEv2::fetchLastDisconnectError() {

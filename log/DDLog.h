@@ -62,12 +62,12 @@ void setReaderGoneHandler(std::function<void()> handler);
 
 }  // namespace DDLog
 
-#define ORVANE_LOG_MAYBE(async, flag, ...)                                                     \
-    do {                                                                                       \
-        if ((ddLogLevel & (flag)) != 0) {                                                      \
+#define ORVANE_LOG_MAYBE(async, flag, ...)                                                      \
+    do {                                                                                        \
+        if ((ddLogLevel & (flag)) != 0) {                                                       \
             ::DDLog::log((async), ddLogLevel, (flag), 0, __FILE__, __func__, __LINE__, nullptr, \
-                         ::fmt::format(__VA_ARGS__));                                          \
-        }                                                                                      \
+                         ::fmt::format(__VA_ARGS__));                                           \
+        }                                                                                       \
     } while (0)
 
 #define DDLogError(...) ORVANE_LOG_MAYBE(false, DDLogFlagError, __VA_ARGS__)

@@ -135,7 +135,7 @@ struct NEVPNStartOptions {
 };
 
 class NEVPNConnection {
-public:
+  public:
     virtual ~NEVPNConnection() = default;
     virtual NEVPNStatus status() const = 0;
     // Asks the system to start the tunnel. Returns an error when the request
@@ -151,7 +151,7 @@ public:
 };
 
 class NEVPNManager {
-public:
+  public:
     virtual ~NEVPNManager() = default;
 
     // The backend's one manager for this tool's profile.
@@ -177,7 +177,7 @@ public:
     // The profile's connection; none when the backend has none to offer.
     virtual NEVPNConnection* connection() = 0;
 
-protected:
+  protected:
     std::optional<NEVPNProtocolIKEv2> protocol_;
     bool enabled_ = false;
     std::optional<std::string> localizedDescription_;

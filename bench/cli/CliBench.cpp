@@ -28,7 +28,7 @@ using cli::GBSettings;
 // Sends standard output to /dev/null while it lives, so that the printing
 // benchmarks measure formatting and writing, not the terminal.
 class QuietStdout {
-public:
+  public:
     QuietStdout() {
         std::fflush(stdout);
         saved_ = dup(STDOUT_FILENO);
@@ -44,7 +44,7 @@ public:
     QuietStdout(const QuietStdout&) = delete;
     QuietStdout& operator=(const QuietStdout&) = delete;
 
-private:
+  private:
     int saved_;
 };
 
@@ -57,10 +57,19 @@ void ParseArguments(benchmark::State& state) {
     words.emplace_back("orvane-ikev2");
     for (std::size_t i = 0; words.size() <= count; ++i) {
         switch (i % 4) {
-            case 0: words.emplace_back("--config=file" + std::to_string(i)); break;
-            case 1: words.emplace_back("--verbose"); break;
-            case 2: words.emplace_back("--no-check"); break;
-            default: words.emplace_back("-c"); words.emplace_back("path" + std::to_string(i)); break;
+            case 0:
+                words.emplace_back("--config=file" + std::to_string(i));
+                break;
+            case 1:
+                words.emplace_back("--verbose");
+                break;
+            case 2:
+                words.emplace_back("--no-check");
+                break;
+            default:
+                words.emplace_back("-c");
+                words.emplace_back("path" + std::to_string(i));
+                break;
         }
     }
     words.resize(count + 1);
@@ -78,7 +87,11 @@ void ParseArguments(benchmark::State& state) {
     }
     state.SetComplexityN(state.range(0));
 }
-BENCHMARK(ParseArguments)->RangeMultiplier(10)->Range(10, 100000)->Complexity()->Unit(benchmark::kMillisecond);
+BENCHMARK(ParseArguments)
+    ->RangeMultiplier(10)
+    ->Range(10, 100000)
+    ->Complexity()
+    ->Unit(benchmark::kMillisecond);
 
 void ReadConfiguration(benchmark::State& state) {
     const auto lines = state.range(0);
@@ -89,10 +102,18 @@ void ReadConfiguration(benchmark::State& state) {
         std::ofstream out(path);
         for (std::int64_t i = 0; i < lines; ++i) {
             switch (i % 4) {
-                case 0: out << "ip = 192.0.2." << (i % 250) << "\n"; break;
-                case 1: out << "username='user" << i << "'\n"; break;
-                case 2: out << "password=\"p=ss word " << i << "\"\n"; break;
-                default: out << "remote=vpn" << i << ".example.net\n"; break;
+                case 0:
+                    out << "ip = 192.0.2." << (i % 250) << "\n";
+                    break;
+                case 1:
+                    out << "username='user" << i << "'\n";
+                    break;
+                case 2:
+                    out << "password=\"p=ss word " << i << "\"\n";
+                    break;
+                default:
+                    out << "remote=vpn" << i << ".example.net\n";
+                    break;
             }
         }
     }
@@ -104,13 +125,18 @@ void ReadConfiguration(benchmark::State& state) {
     state.SetComplexityN(lines);
 }
 // 40000 lines is about 0.9 MB: the largest file the tool reads is 1 MiB.
-BENCHMARK(ReadConfiguration)->RangeMultiplier(10)->Range(10, 40000)->Complexity()->Unit(benchmark::kMillisecond);
+BENCHMARK(ReadConfiguration)
+    ->RangeMultiplier(10)
+    ->Range(10, 40000)
+    ->Complexity()
+    ->Unit(benchmark::kMillisecond);
 
 // N options in groups of ten, each group after a separator.
 void RegisterManyOptions(GBOptionsHelper& options, std::int64_t count) {
     for (std::int64_t i = 0; i < count; ++i) {
         if (i % 10 == 0) options.registerSeparator("Section " + std::to_string(i / 10));
-        options.registerOption(0, "option-" + std::to_string(i), "Description of option " + std::to_string(i),
+        options.registerOption(0, "option-" + std::to_string(i),
+                               "Description of option " + std::to_string(i),
                                static_cast<std::uint64_t>(i % 3));
     }
 }
@@ -122,7 +148,8 @@ void PrintHelp(benchmark::State& state) {
     for (auto _ : state) options.printHelp();
     state.SetComplexityN(state.range(0));
 }
-BENCHMARK(PrintHelp)->RangeMultiplier(10)->Range(10, 10000)->Complexity()->Unit(benchmark::kMillisecond);
+BENCHMARK(PrintHelp)->RangeMultiplier(10)->Range(10, 10000)->Complexity()->Unit(
+    benchmark::kMillisecond);
 
 void PrintValuesReport(benchmark::State& state) {
     GBOptionsHelper options;
@@ -138,7 +165,11 @@ void PrintValuesReport(benchmark::State& state) {
     for (auto _ : state) options.printValuesFromSettings(*current);
     state.SetComplexityN(state.range(0));
 }
-BENCHMARK(PrintValuesReport)->RangeMultiplier(10)->Range(10, 10000)->Complexity()->Unit(benchmark::kMillisecond);
+BENCHMARK(PrintValuesReport)
+    ->RangeMultiplier(10)
+    ->Range(10, 10000)
+    ->Complexity()
+    ->Unit(benchmark::kMillisecond);
 
 // A value set only at the root, read through every level above it; and an
 // array key merged across every level.
@@ -157,7 +188,10 @@ void SettingsLookupThroughChain(benchmark::State& state) {
     }
     state.SetComplexityN(state.range(0));
 }
-BENCHMARK(SettingsLookupThroughChain)->DenseRange(1, 100, 33)->Complexity()->Unit(benchmark::kMicrosecond);
+BENCHMARK(SettingsLookupThroughChain)
+    ->DenseRange(1, 100, 33)
+    ->Complexity()
+    ->Unit(benchmark::kMicrosecond);
 
 }  // namespace
 

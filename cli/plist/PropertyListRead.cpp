@@ -2,10 +2,10 @@
 // through libplist, behind the guards that keep hostile input away from its
 // recursive parser; XML and OpenStep text through the readers of their own.
 
+#include "cli/ValueObject.h"
 #include "cli/plist/BinaryPlistCheck.h"
 #include "cli/plist/OpenStepPlist.h"
 #include "cli/plist/PropertyList.h"
-#include "cli/ValueObject.h"
 #include "cli/plist/XmlPlist.h"
 
 #include <iconv.h>

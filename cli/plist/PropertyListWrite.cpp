@@ -1,7 +1,7 @@
 // The XML property-list writer, in the exact layout Foundation writes.
 
-#include "cli/plist/PropertyList.h"
 #include "cli/ValueObject.h"
+#include "cli/plist/PropertyList.h"
 
 #include <algorithm>
 #include <cmath>

@@ -3,8 +3,8 @@
 
 #include "cli/plist/XmlPlistValues.h"
 
-#include "cli/plist/PropertyList.h"
 #include "cli/ValueObject.h"
+#include "cli/plist/PropertyList.h"
 
 #include <locale.h>
 #include <algorithm>

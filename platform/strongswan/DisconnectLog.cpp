@@ -212,8 +212,8 @@ std::string DisconnectLog::lastReason(std::optional<Clock::time_point> since) co
                 if (RE2::PartialMatch(earlier->message, trustFailure())) {
                     return disconnectReasonForLine(earlier->message).value_or(kTrustReason);
                 }
-                certificate = certificate || RE2::PartialMatch(earlier->message,
-                                                               kCertificateReceived);
+                certificate =
+                    certificate || RE2::PartialMatch(earlier->message, kCertificateReceived);
             }
             if (!certificate && RE2::PartialMatch(it->message, kNoPublicKey)) {
                 return kNoCertificateReason;

@@ -35,7 +35,7 @@ inline constexpr const char* kNoteCharonRefused = "charon refused the profile";
 inline constexpr const char* kNoteNoTunnel = "charon built no tunnel";
 
 class DisconnectLog {
-public:
+  public:
     using Clock = std::chrono::system_clock;
     static constexpr std::size_t kMaxLines = 512;
 
@@ -53,7 +53,7 @@ public:
     // the empty string.
     std::string lastReason(std::optional<Clock::time_point> since) const;
 
-private:
+  private:
     struct Line {
         Clock::time_point when;
         std::string message;

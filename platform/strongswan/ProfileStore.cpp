@@ -53,7 +53,7 @@ plist_t saDict(const NEVPNIKEv2SecurityAssociationParameters& sa) {
 
 // Typed readers that fail on a missing key or a wrong type.
 class Reader {
-public:
+  public:
     explicit Reader(std::string& error) : error_(error) {}
 
     bool dict(plist_t parent, const char* key, plist_t& out) {
@@ -83,8 +83,7 @@ public:
         }
         std::uint64_t value = 0;
         plist_get_uint_val(node, &value);
-        if (value > static_cast<std::uint64_t>(high) ||
-            static_cast<std::int64_t>(value) < low) {
+        if (value > static_cast<std::uint64_t>(high) || static_cast<std::int64_t>(value) < low) {
             error_ = fmt::format("{} out of range: {}", key, value);
             return false;
         }
@@ -129,7 +128,7 @@ public:
         return true;
     }
 
-private:
+  private:
     bool check(plist_t node, plist_type type, const char* key) {
         if (node == nullptr) {
             error_ = fmt::format("missing {}", key);

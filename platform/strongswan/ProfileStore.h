@@ -25,7 +25,7 @@ struct StoredProfile {
 };
 
 class ProfileStore {
-public:
+  public:
     explicit ProfileStore(std::string path = kDefaultPreferencesPath);
 
     const std::string& path() const { return path_; }
@@ -46,7 +46,7 @@ public:
     static std::string serialize(const StoredProfile& profile);
     static Result<StoredProfile> deserialize(const std::string& bytes);
 
-private:
+  private:
     std::string path_;
 };
 

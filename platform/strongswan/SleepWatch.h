@@ -10,8 +10,8 @@
 //
 // The bus connection (sd-bus) runs on the caller's io_context: its socket
 // is watched with async_wait and its timeouts run on a steady_timer (the
-// release limit on the loop's clock); no thread of its own. Without a system bus or without logind (a server, a
-// container) the watch does nothing and says so at debug level only.
+// release limit on the loop's clock); no thread of its own. Without a system bus or without logind
+// (a server, a container) the watch does nothing and says so at debug level only.
 
 #include <asio/io_context.hpp>
 

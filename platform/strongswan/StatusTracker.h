@@ -14,7 +14,7 @@
 namespace platform::strongswan {
 
 class StatusTracker {
-public:
+  public:
     StatusTracker(std::string connection, std::string child);
 
     NEVPNStatus status() const { return status_; }
@@ -32,7 +32,7 @@ public:
     bool tunnelGone();
     bool onEvent(const std::string& name, const ViciSection& event);
 
-private:
+  private:
     bool moveTo(NEVPNStatus status);
     bool end();
     const ViciSection* ours(const ViciSection& event) const;

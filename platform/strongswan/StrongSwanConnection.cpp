@@ -12,8 +12,8 @@ namespace platform::strongswan {
 
 namespace {
 
-constexpr const char* kMonitoredEvents[] = {"ike-updown", "child-updown", "ike-rekey",
-                                            "ike-update", "log"};
+constexpr const char* kMonitoredEvents[] = {"ike-updown", "child-updown", "ike-rekey", "ike-update",
+                                            "log"};
 
 }  // namespace
 
@@ -188,8 +188,7 @@ void StrongSwanConnection::prepareTrust() {
             return;
         }
         if (Result<void> opened = openCommands(); !opened) {
-            DDLogDebug("IKEv2 charon not reachable for the trust anchors: {}",
-                       opened.error().text);
+            DDLogDebug("IKEv2 charon not reachable for the trust anchors: {}", opened.error().text);
             return;
         }
         trust_.sync(commands_, {});
@@ -214,9 +213,9 @@ void StrongSwanConnection::prerequisiteDone(std::uint64_t generation, bool ok,
         bool optional = reply.status == ViciReply::Status::Unknown &&
                         (what == "ike-update" || what == "ike-rekey");
         if (!optional) {
-            failStart(reply.timedOut()                             ? kNoteCharonSilent
+            failStart(reply.timedOut()                            ? kNoteCharonSilent
                       : reply.status == ViciReply::Status::Failed ? kNoteCharonClosed
-                                                                   : kNoteCharonRefused);
+                                                                  : kNoteCharonRefused);
             return;
         }
     }
@@ -235,22 +234,21 @@ void StrongSwanConnection::sendInitiate(std::uint64_t generation) {
         return;
     }
     saMayExist_ = true;
-    commands_->request(
-        "initiate", buildInitiate(),
-        liveness_.guard([this, generation](const ViciReply& reply) {
-            if (generation != generation_) {
-                return;
-            }
-            if (!reply.succeeded()) {
-                // charon's own log lines tell the reason; its errmsg does not.
-                DDLogDebug("IKEv2 initiate failed: {}", reply.failure());
-                changed(tracker_.startFailed());
-                return;
-            }
-            initiated_ = true;
-            schedulePoll(regularPollInterval());
-        }),
-        options_.initiateTimeout);
+    commands_->request("initiate", buildInitiate(),
+                       liveness_.guard([this, generation](const ViciReply& reply) {
+                           if (generation != generation_) {
+                               return;
+                           }
+                           if (!reply.succeeded()) {
+                               // charon's own log lines tell the reason; its errmsg does not.
+                               DDLogDebug("IKEv2 initiate failed: {}", reply.failure());
+                               changed(tracker_.startFailed());
+                               return;
+                           }
+                           initiated_ = true;
+                           schedulePoll(regularPollInterval());
+                       }),
+                       options_.initiateTimeout);
 }
 
 void StrongSwanConnection::stopVPNTunnel() {
@@ -437,8 +435,8 @@ std::string StrongSwanConnection::lastDisconnectError(
     // early once a reason is known and the stream has gone quiet.
     auto deadline = LoopClock::now() + options_.lateLogLimit;
     while (events_ && events_->isOpen()) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-            deadline - LoopClock::now());
+        auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - LoopClock::now());
         if (left.count() <= 0) {
             break;
         }

@@ -97,8 +97,7 @@ void StrongSwanManager::saveToPreferences(CompletionHandler handler) {
             connectionLoaded_ = true;
         }
     } else {
-        DDLogDebug("IKEv2 charon not reachable, connection not loaded: {}",
-                   connected.error().text);
+        DDLogDebug("IKEv2 charon not reachable, connection not loaded: {}", connected.error().text);
     }
     StoredProfile profile{*protocol_, enabled_, localizedDescription_};
     Result<void> saved = corrupt_ ? store_.setAside() : Result<void>();

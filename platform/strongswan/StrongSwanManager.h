@@ -78,7 +78,7 @@ struct StrongSwanOptions {
 class StrongSwanManager;
 
 class StrongSwanConnection final : public NEVPNConnection {
-public:
+  public:
     StrongSwanConnection(StrongSwanManager& manager, asio::io_context& context,
                          const StrongSwanOptions& options);
     ~StrongSwanConnection() override;
@@ -102,7 +102,7 @@ public:
     // process started, unless charon is known not to answer.
     void finish();
 
-private:
+  private:
     Result<void> openEvents();
     Result<void> openCommands();
     // A start that cannot go ahead ends as a tunnel that went down, with
@@ -153,7 +153,7 @@ private:
 };
 
 class StrongSwanManager final : public NEVPNManager {
-public:
+  public:
     StrongSwanManager(asio::io_context& context, StrongSwanOptions options = {});
     ~StrongSwanManager() override;
 
@@ -176,7 +176,7 @@ public:
     bool connectionLoaded() const { return connectionLoaded_; }
     void setConnectionLoaded(bool loaded) { connectionLoaded_ = loaded; }
 
-private:
+  private:
     friend class StrongSwanConnection;
     void complete(CompletionHandler handler, OptionalError error);
 

@@ -183,16 +183,17 @@ void SystemTrust::sync(const std::shared_ptr<ViciClient>& client, std::function<
         return;
     }
     std::weak_ptr<ViciClient> weakClient = client;
-    client->request("get-authorities", {}, liveness_.guard([this, weakClient](const ViciReply& reply) {
-        auto strong = weakClient.lock();
-        if (!reply.ok() || !strong) {
-            DDLogDebug("IKEv2 get-authorities: {}", reply.failure());
-            finish();
-            return;
-        }
-        const std::vector<std::string>* loaded = reply.message.list("authorities");
-        apply(strong, loaded != nullptr ? *loaded : std::vector<std::string>{});
-    }));
+    client->request("get-authorities", {},
+                    liveness_.guard([this, weakClient](const ViciReply& reply) {
+                        auto strong = weakClient.lock();
+                        if (!reply.ok() || !strong) {
+                            DDLogDebug("IKEv2 get-authorities: {}", reply.failure());
+                            finish();
+                            return;
+                        }
+                        const std::vector<std::string>* loaded = reply.message.list("authorities");
+                        apply(strong, loaded != nullptr ? *loaded : std::vector<std::string>{});
+                    }));
 }
 
 void SystemTrust::apply(const std::shared_ptr<ViciClient>& client,

@@ -1,8 +1,8 @@
 #include "platform/strongswan/ViciClient.h"
 
+#include <fmt/format.h>
 #include <asio/post.hpp>
 #include <asio/write.hpp>
-#include <fmt/format.h>
 
 #include <poll.h>
 #include <sys/socket.h>
@@ -16,8 +16,8 @@
 #include <csignal>
 #include <cstdint>
 #include <cstring>
-#include <optional>
 #include <ctime>
+#include <optional>
 
 namespace platform::strongswan {
 
@@ -96,8 +96,7 @@ std::string ViciReply::failure() const {
     return message_text.empty() ? std::string("request failed") : message_text;
 }
 
-std::shared_ptr<ViciClient> ViciClient::create(asio::io_context& context,
-                                               std::string socketPath) {
+std::shared_ptr<ViciClient> ViciClient::create(asio::io_context& context, std::string socketPath) {
     return std::shared_ptr<ViciClient>(new ViciClient(context, std::move(socketPath)));
 }
 
@@ -135,8 +134,8 @@ void ViciClient::post(std::function<void()> block) {
     asio::post(context_, std::move(block));
 }
 
-void ViciClient::request(std::string command, const ViciSection& message,
-                         ViciReplyHandler handler, std::chrono::milliseconds timeout) {
+void ViciClient::request(std::string command, const ViciSection& message, ViciReplyHandler handler,
+                         std::chrono::milliseconds timeout) {
     enqueue(ViciPacketType::CmdRequest, std::move(command), &message, std::move(handler), timeout);
 }
 
@@ -413,9 +412,8 @@ bool ViciSyncClient::writeAll(const std::string& frame, Clock::time_point deadli
     return true;
 }
 
-bool ViciSyncClient::write(ViciPacketType type, const std::string& name,
-                           const ViciSection* message, Clock::time_point deadline,
-                           std::string& error) {
+bool ViciSyncClient::write(ViciPacketType type, const std::string& name, const ViciSection* message,
+                           Clock::time_point deadline, std::string& error) {
     if (fd_ < 0) {
         error = "not connected";
         return false;

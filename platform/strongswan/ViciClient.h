@@ -63,7 +63,7 @@ using ViciEventHandler = std::function<void(const std::string& name, const ViciS
 using ViciClosedHandler = std::function<void(const std::string& reason)>;
 
 class ViciClient : public std::enable_shared_from_this<ViciClient> {
-public:
+  public:
     using Clock = LoopClock;
     static constexpr std::chrono::milliseconds kDefaultTimeout{10000};
 
@@ -101,7 +101,7 @@ public:
     // they answer.
     void drain(std::chrono::milliseconds limit, std::chrono::milliseconds quiet);
 
-private:
+  private:
     ViciClient(asio::io_context& context, std::string socketPath);
 
     struct Operation {
@@ -143,7 +143,7 @@ private:
 };
 
 class ViciSyncClient {
-public:
+  public:
     using Clock = LoopClock;
 
     explicit ViciSyncClient(std::string socketPath);
@@ -169,7 +169,7 @@ public:
     // turn. False, the connection staying here, when no process can start.
     bool leaveOpenUntilAnswered(int answers, std::chrono::milliseconds limit);
 
-private:
+  private:
     ViciReply exchange(ViciPacketType type, const std::string& name, const ViciSection* message,
                        Clock::time_point deadline, const ViciEventHandler& onEvent);
     // Encodes and writes one request; on failure closes the connection.

@@ -171,7 +171,7 @@ bool encodeSection(const ViciSection& section, std::size_t depth, std::string& o
 
 // Bounds-checked reader over one packet's bytes.
 class Cursor {
-public:
+  public:
     explicit Cursor(std::string_view bytes) : bytes_(bytes) {}
     bool atEnd() const { return pos_ >= bytes_.size(); }
     std::size_t position() const { return pos_; }
@@ -207,7 +207,7 @@ public:
     }
     std::string_view rest() const { return bytes_.substr(pos_); }
 
-private:
+  private:
     std::string_view bytes_;
     std::size_t pos_ = 0;
 };
@@ -375,8 +375,8 @@ bool appendPacket(ViciPacketType packetType, std::string_view name, const ViciSe
         return false;
     }
     if (out.size() - start > kViciMaxPacket) {
-        error = fmt::format("packet of {} bytes exceeds {} bytes", out.size() - start,
-                            kViciMaxPacket);
+        error =
+            fmt::format("packet of {} bytes exceeds {} bytes", out.size() - start, kViciMaxPacket);
         return false;
     }
     return true;
@@ -442,8 +442,8 @@ Result<void> encodeViciFrame(const ViciPacket& packet, std::string& out) {
     return encodeViciFrame(packet.type, packet.name, &packet.message, out);
 }
 
-Result<void> encodeViciFrame(ViciPacketType type, std::string_view name,
-                             const ViciSection* message, std::string& out) {
+Result<void> encodeViciFrame(ViciPacketType type, std::string_view name, const ViciSection* message,
+                             std::string& out) {
     const ViciSection& body = message != nullptr ? *message : kEmptyMessage;
     os::wipeString(out);
     out.reserve(4 + packetSize(type, name, body));

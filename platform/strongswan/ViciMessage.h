@@ -6,8 +6,8 @@
 // stream. Every decoder answers malformed input with an error text; none of
 // them throws.
 
-#include "platform/strongswan/Result.h"
 #include "platform/Secret.h"
+#include "platform/strongswan/Result.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -29,7 +29,7 @@ struct ViciEntry;
 
 // A section: the message root or a named section inside it.
 class ViciSection {
-public:
+  public:
     ViciSection& add(std::string name, std::string value);
     ViciSection& addList(std::string name, std::vector<std::string> items);
     // Adds an empty named section and returns it for filling.
@@ -56,7 +56,7 @@ public:
 
     bool operator==(const ViciSection& other) const;
 
-private:
+  private:
     std::vector<ViciEntry> entries_;
 };
 
@@ -130,14 +130,14 @@ std::size_t viciMessageSize(const ViciSection& message);
 // exactly one buffer.
 Result<void> encodeViciFrame(const ViciPacket& packet, std::string& out);
 // The same from the parts, so a caller's message need not be copied.
-Result<void> encodeViciFrame(ViciPacketType type, std::string_view name,
-                             const ViciSection* message, std::string& out);
+Result<void> encodeViciFrame(ViciPacketType type, std::string_view name, const ViciSection* message,
+                             std::string& out);
 
 // Cuts a byte stream into packets. Feed it what the socket gave; take
 // complete packets with `next`. A zero or oversized frame length poisons the
 // reader: the stream cannot be resynchronised after it.
 class ViciFrameReader {
-public:
+  public:
     void feed(std::string_view bytes);
     enum class Result { Packet, NeedMore, Error };
     // On Packet, `packet` holds the next whole packet's bytes.
@@ -145,7 +145,7 @@ public:
     bool failed() const { return failed_; }
     std::size_t buffered() const { return buffer_.size() - offset_; }
 
-private:
+  private:
     std::string buffer_;
     std::size_t offset_ = 0;
     bool failed_ = false;

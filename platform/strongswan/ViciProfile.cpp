@@ -180,8 +180,7 @@ Result<std::string> ikeProposal(const NEVPNIKEv2SecurityAssociationParameters& s
                : join({&p->encryption, &p->integrity, &p->group});
 }
 
-Result<std::string> espProposal(const NEVPNIKEv2SecurityAssociationParameters& sa,
-                                bool withGroup) {
+Result<std::string> espProposal(const NEVPNIKEv2SecurityAssociationParameters& sa, bool withGroup) {
     Result<Parts> p = parts(sa);
     if (!p) {
         return p.error();

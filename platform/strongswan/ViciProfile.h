@@ -31,8 +31,7 @@ bool isAeadEncryption(NEVPNIKEv2EncryptionAlgorithm algorithm);
 // "aes256-sha256-modp2048" style proposals. ESP carries the group only
 // when `withGroup` (PFS).
 Result<std::string> ikeProposal(const NEVPNIKEv2SecurityAssociationParameters& sa);
-Result<std::string> espProposal(const NEVPNIKEv2SecurityAssociationParameters& sa,
-                                bool withGroup);
+Result<std::string> espProposal(const NEVPNIKEv2SecurityAssociationParameters& sa, bool withGroup);
 
 // DPD interval for a rate: High 60s, Medium 600s, Low 1800s, None 0s.
 std::string viciDpdDelay(NEVPNIKEv2DeadPeerDetectionRate rate);

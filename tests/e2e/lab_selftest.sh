@@ -6,6 +6,10 @@
 # the initiator charon's log lines that mark it. See lab.sh for the topology.
 #
 #   lab_selftest.sh        exit 0 all passed, 1 a case failed, 77 cannot run here
+
+# -u without -e: a failing check marks its case failed and the suite goes on
+# to its other cases and to the clean-up that removes every namespace and
+# process it made; an unset name is still a bug that stops it.
 set -u
 here=$(cd "$(dirname "$0")" && pwd)
 # shellcheck source=lab.sh

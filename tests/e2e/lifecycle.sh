@@ -7,6 +7,10 @@
 # reauth server).
 #
 #   lifecycle.sh PATH_TO_orvane-ikev2   exit 0 passed, 1 failed, 77 cannot run here
+
+# -u without -e: a failing check marks its case failed and the suite goes on
+# to its other cases and to the clean-up that removes every namespace and
+# process it made; an unset name is still a bug that stops it.
 set -u
 here=$(cd "$(dirname "$0")" && pwd)
 # shellcheck source=lab.sh

@@ -2,8 +2,8 @@
 // value read is valid UTF-8 and trimmed (a key of quotes alone trims to the
 // empty string and is kept, as any other key).
 
-#include "connector/OVConnectorIKEv2.h"
 #include "cli/Value.h"
+#include "connector/OVConnectorIKEv2.h"
 
 #include <sys/mman.h>
 #include <unistd.h>

@@ -17,7 +17,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (wide < INT32_MIN && narrow != INT32_MIN) std::abort();
     if (wide >= INT32_MIN && wide <= INT32_MAX && narrow != wide) std::abort();
     (void)flag;
-    cli::Value list = cli::Value::array({text, cli::Value::dictionary({{text.stringValue(), text}})});
+    cli::Value list =
+        cli::Value::array({text, cli::Value::dictionary({{text.stringValue(), text}})});
     if (list.description().empty()) std::abort();
     (void)cli::utf16Length(text.stringValue());
     return 0;

@@ -97,9 +97,8 @@ TEST_F(ConnectorTest, DisconnectedWhileConnectedWithAReasonFromTheLogExitsOne) {
     platform().fireStatus(NEVPNStatusDisconnected);
     capture.restore();
     EXPECT_EQ(finished().statuses(), std::vector<int>{1});
-    EXPECT_EQ(capture.messages(),
-              (Lines{"IKEv2 Interface ipsec0", "IKEv2 Connected",
-                     "IKEv2 Last disconnect error: authentication failed"}));
+    EXPECT_EQ(capture.messages(), (Lines{"IKEv2 Interface ipsec0", "IKEv2 Connected",
+                                         "IKEv2 Last disconnect error: authentication failed"}));
 }
 
 TEST_F(ConnectorTest, LogSearchStartsAtTheConnectingDate) {

@@ -207,8 +207,8 @@ TEST_F(ConnectorTest, MissingPasswordAtTheStartExitsNonZeroBeforeAnyStartRequest
 }
 
 TEST_F(ConnectorTest, MissingUserNameAtTheStartExitsNonZeroBeforeAnyStartRequest) {
-    auto connector = recording(OVConnectorIKEv2::initWithServer(std::string("203.0.113.7"),
-                                                                std::nullopt, platform::Secret("pw")));
+    auto connector = recording(OVConnectorIKEv2::initWithServer(
+        std::string("203.0.113.7"), std::nullopt, platform::Secret("pw")));
     connector->connect();
     platform().completeLoad();
     StderrCapture capture;

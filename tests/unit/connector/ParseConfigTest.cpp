@@ -224,8 +224,8 @@ TEST_F(ParseConfigTest, EndlessFileIsReadOnlyUpToTheBound) {
     EXPECT_EQ(ParseConfig("/dev/zero"), std::nullopt);
     const auto connector = OVConnectorIKEv2::initWithConfigFile("/dev/zero");
     capture.restore();
-    EXPECT_EQ(capture.messages(), std::vector<std::string>(
-                                      2, "parse_config /dev/zero: File too large"));
+    EXPECT_EQ(capture.messages(),
+              std::vector<std::string>(2, "parse_config /dev/zero: File too large"));
     EXPECT_EQ(connector->server(), std::nullopt);
     EXPECT_EQ(connector->password(), std::nullopt);
 }

@@ -115,8 +115,9 @@ TEST(ParseArgsTest, ConfigWithoutAValueIsReportedButDoesNotFailTheParse) {
     FinishRecorder finished;
     StderrCapture err;
     cli::GBSettingsRef settings;
-    const std::string out = cli::test::captureStdout(
-        [&] { settings = parse({"--check", "--config"}, finished.finish()); });
+    const std::string out = cli::test::captureStdout([&] {
+        settings = parse({"--check", "--config"}, finished.finish());
+    });
     err.restore();
     EXPECT_FALSE(finished.finished());
     ASSERT_TRUE(settings);

@@ -117,9 +117,8 @@ TEST_F(SignalHandlingTest, SliceKeepsTurningAfterTheSignalUntilTheTunnelReportsD
     platform().fireStatus(platform::NEVPNStatusConnected);
     auto& loop = platform::RunLoop::main();
     bool downSeen = false;
-    platform::addStatusObserver([&downSeen] {
-        downSeen = platform().status() == platform::NEVPNStatusDisconnected;
-    });
+    platform::addStatusObserver(
+        [&downSeen] { downSeen = platform().status() == platform::NEVPNStatusDisconnected; });
     loop.post([] { tool::handle_signal(SIGTERM); });
     loop.dispatchAfter(20ms, [] { platform().fireStatus(platform::NEVPNStatusDisconnecting); });
     loop.dispatchAfter(40ms, [] { platform().fireStatus(platform::NEVPNStatusDisconnected); });

@@ -42,9 +42,9 @@ TEST(ToolSignalsTest, SignalLineIsHiddenAtTheDefaultLevel) {
     EXPECT_EQ(tool.err().find("Received signal"), std::string::npos) << tool.err();
     EXPECT_EQ(tool.recordCount("stop"), 1);
     // The tunnel going down is logged all the same.
-    EXPECT_EQ(tool.messages(), (Lines{"IKEv2 Connecting", "IKEv2 Interface ipsec0",
-                                      "IKEv2 Connected", "IKEv2 Disconnecting",
-                                      "IKEv2 Disconnected"}));
+    EXPECT_EQ(tool.messages(),
+              (Lines{"IKEv2 Connecting", "IKEv2 Interface ipsec0", "IKEv2 Connected",
+                     "IKEv2 Disconnecting", "IKEv2 Disconnected"}));
 }
 
 TEST(ToolSignalsTest, EachTerminatingSignalWhileConnectedLogsTheTunnelGoingDownThenEndsWithZero) {

@@ -100,7 +100,8 @@ TEST(DisconnectLogTest, ObservedFailureSequencesGiveTheirReason) {
           "giving up after 2 retransmits", "establishing IKE_SA failed, peer not responding"},
          "peer not responding"},
         {"deleted by the server",
-         {"IKE_SA Orvane IKEv2[1] established between a...b", "received DELETE for IKE_SA Orvane IKEv2[1]",
+         {"IKE_SA Orvane IKEv2[1] established between a...b",
+          "received DELETE for IKE_SA Orvane IKEv2[1]",
           "deleting IKE_SA Orvane IKEv2[1] between a...b", "IKE_SA deleted"},
          "deleted by peer"},
         {"a good connection", {"IKE_SA Orvane IKEv2[1] established between a...b"}, ""},
@@ -240,8 +241,8 @@ TEST(DisconnectLogTest, VpnServiceAndRefusedTunnelLinesGiveTheirReason) {
 
 TEST(DisconnectLogTest, RecognisesAnIkeSaKeptWithoutTheTunnel) {
     EXPECT_TRUE(ss::lineKeepsIkeSaWithoutTunnel("failed to establish CHILD_SA, keeping IKE_SA"));
-    EXPECT_FALSE(ss::lineKeepsIkeSaWithoutTunnel(
-        "received NO_PROPOSAL_CHOSEN notify, no CHILD_SA built"));
+    EXPECT_FALSE(
+        ss::lineKeepsIkeSaWithoutTunnel("received NO_PROPOSAL_CHOSEN notify, no CHILD_SA built"));
 }
 
 }  // namespace

@@ -29,7 +29,7 @@ class FakeCharon;
 
 // One accepted client connection, as a command handler sees it.
 class Link {
-public:
+  public:
     int index() const { return index_; }
     void respond(const ViciSection& message);
     void unknown();
@@ -40,7 +40,7 @@ public:
     // Closes the connection from the server side (EOF for the client).
     void hangUp();
 
-private:
+  private:
     friend class FakeCharon;
     int fd_ = -1;
     int index_ = 0;
@@ -55,7 +55,7 @@ struct Received {
 };
 
 class FakeCharon {
-public:
+  public:
     using Command = std::function<void(Link& link, const ViciSection& request)>;
 
     FakeCharon();
@@ -85,7 +85,7 @@ public:
     // Waits (in real time, without turning any io_context) for `done`.
     bool waitFor(const std::function<bool()>& done, std::chrono::milliseconds limit);
 
-private:
+  private:
     void acceptLoop();
     void readLoop(Link* link);
     void dispatch(Link& link, const ViciPacket& packet);

@@ -38,7 +38,7 @@ TEST_F(ProfileLockTest, SecondHolderIsRefusedAndToldTheFirstOnesPid) {
     ASSERT_FALSE(refused);
     EXPECT_FALSE(second.held());
     EXPECT_EQ(refused.error().text, "the profile is in use by another orvane-ikev2 (pid " +
-                         std::to_string(::getpid()) + ")");
+                                        std::to_string(::getpid()) + ")");
 }
 
 TEST_F(ProfileLockTest, LockIsFreeOnceTheHolderIsGone) {

@@ -25,14 +25,13 @@ ss::StoredProfile sampleProfile() {
     return profile;
 }
 
-
 void writeFile(const fs::path& path, const std::string& text) {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
     out << text;
 }
 
 class ProfileStoreTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         char pattern[] = "/tmp/profilestore.XXXXXX";
         ASSERT_NE(::mkdtemp(pattern), nullptr);
@@ -58,8 +57,7 @@ TEST_F(ProfileStoreTest, SavesAndLoadsEveryField) {
     profile.protocol.localIdentifier = "client@example.net";
     profile.protocol.childSecurityAssociationParameters = {
         platform::NEVPNIKEv2EncryptionAlgorithmAES128GCM,
-        platform::NEVPNIKEv2IntegrityAlgorithmSHA384, platform::NEVPNIKEv2DiffieHellmanGroup19,
-        60};
+        platform::NEVPNIKEv2IntegrityAlgorithmSHA384, platform::NEVPNIKEv2DiffieHellmanGroup19, 60};
     profile.protocol.deadPeerDetectionRate = platform::NEVPNIKEv2DeadPeerDetectionRateLow;
     ASSERT_TRUE(store.save(profile)) << store.save(profile).error().text;
     auto loaded = store.load();
@@ -100,8 +98,8 @@ TEST_F(ProfileStoreTest, StrictRevocationCheckIsSavedAndDefaultsToNo) {
     ASSERT_TRUE(loaded && loaded->has_value());
     EXPECT_FALSE((*loaded)->protocol.strictRevocationCheck);
     EXPECT_EQ(**loaded, sampleProfile());
-    writeFile(file, std::string(text).replace(at, key.size(),
-                                              "<key>StrictRevocationCheck</key><string>no</string>"));
+    writeFile(file, std::string(text).replace(
+                        at, key.size(), "<key>StrictRevocationCheck</key><string>no</string>"));
     EXPECT_FALSE(store.load());
 }
 
@@ -182,10 +180,12 @@ TEST_F(ProfileStoreTest, CorruptFilesAreLoadErrors) {
         {"not a property list", "hello world\n"},
         {"truncated", good.substr(0, good.size() / 2)},
         {"array at the top", "<?xml version=\"1.0\"?><plist version=\"1.0\"><array/></plist>"},
-        {"wrong type", replace("<key>Enabled</key>\n\t<true/>", "<key>Enabled</key>\n\t<string>yes</string>")},
+        {"wrong type",
+         replace("<key>Enabled</key>\n\t<true/>", "<key>Enabled</key>\n\t<string>yes</string>")},
         {"missing protocol", replace("<key>IKEv2</key>", "<key>Other</key>")},
-        {"enum out of range", replace("<key>DeadPeerDetectionRate</key>\n\t\t<integer>3</integer>",
-                                      "<key>DeadPeerDetectionRate</key>\n\t\t<integer>9</integer>")},
+        {"enum out of range",
+         replace("<key>DeadPeerDetectionRate</key>\n\t\t<integer>3</integer>",
+                 "<key>DeadPeerDetectionRate</key>\n\t\t<integer>9</integer>")},
         {"larger than a mebibyte", good + std::string(1024 * 1024, ' ')},
     };
     fs::create_directories(file.parent_path());

@@ -14,10 +14,10 @@
 #include <sys/stat.h>
 
 #include <atomic>
-#include <memory>
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <memory>
 
 namespace ss = platform::strongswan;
 namespace fs = std::filesystem;

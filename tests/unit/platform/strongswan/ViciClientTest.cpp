@@ -20,11 +20,11 @@
 namespace ss = platform::strongswan;
 using fakecharon::FakeCharon;
 using fakecharon::Link;
+using platform::LoopClock;
+using platform::VirtualTime;
 using ss::ViciPacketType;
 using ss::ViciReply;
 using ss::ViciSection;
-using platform::LoopClock;
-using platform::VirtualTime;
 
 namespace {
 
@@ -60,7 +60,7 @@ std::string frameOf(ViciPacketType type, const std::string& name = {},
 // Under virtual time: timeouts and deadlines pass only when the test (or
 // the fake daemon, sitting on a request) moves the clock.
 class ViciClientTest : public ::testing::Test {
-protected:
+  protected:
     std::shared_ptr<ss::ViciClient> connectClient() {
         auto client = ss::ViciClient::create(io, server.path());
         EXPECT_TRUE(client->connect());
@@ -122,7 +122,8 @@ TEST_F(ViciClientTest, ScriptedExchangesAnswerInOrderOneAtATime) {
     auto client = connectClient();
     std::vector<ViciReply> replies;
     for (const auto& c : cases) {
-        client->request(c.command, c.message, [&](ViciReply r) { replies.push_back(std::move(r)); });
+        client->request(c.command, c.message,
+                        [&](ViciReply r) { replies.push_back(std::move(r)); });
     }
     ASSERT_TRUE(runUntil(io, [&] { return replies.size() == cases.size(); }));
     for (std::size_t i = 0; i < cases.size(); ++i) {
@@ -154,7 +155,8 @@ TEST_F(ViciClientTest, SendsTheNextRequestOnlyAfterTheAnswer) {
     int done = 0;
     client->request("slow", {}, [&](ViciReply) { ++done; });
     client->request("fast", {}, [&](ViciReply) { ++done; });
-    runUntil(io, [] { return false; }, 100ms);
+    runUntil(
+        io, [] { return false; }, 100ms);
     EXPECT_EQ(server.received().size(), 1u) << "second request must wait in the queue";
     {
         std::lock_guard lock(m);
@@ -187,8 +189,8 @@ TEST_F(ViciClientTest, DispatchesEventsThatArriveBetweenRequestAndAnswer) {
     });
     ASSERT_TRUE(runUntil(io, [&] { return listed; }));
     EXPECT_TRUE(registered);
-    EXPECT_EQ(order, (std::vector<std::string>{"registered", "event:list-sa", "event:list-sa",
-                                               "listed"}));
+    EXPECT_EQ(order,
+              (std::vector<std::string>{"registered", "event:list-sa", "event:list-sa", "listed"}));
     ASSERT_EQ(events.size(), 2u);
     EXPECT_NE(events[1].second.section("b"), nullptr);
 }
@@ -241,9 +243,9 @@ struct BadInput {
 
 TEST_F(ViciClientTest, DropsTheConnectionOnMalformedOrOversizedInput) {
     std::string oversized = "\x00\x08\x00\x01"s + std::string(16, '\x01');
-    std::string garbage = "\x00\x00\x00\x02\x05\x00"s;  // EVENT_CONFIRM with a trailing byte
+    std::string garbage = "\x00\x00\x00\x02\x05\x00"s;         // EVENT_CONFIRM with a trailing byte
     std::string badMessage = "\x00\x00\x00\x03\x01\x02\x02"s;  // unbalanced section end
-    std::string stray = "\x00\x00\x00\x01\x05"s;                // confirm for a command
+    std::string stray = "\x00\x00\x00\x01\x05"s;               // confirm for a command
     for (const auto& c : std::vector<BadInput>{{"oversized frame", oversized},
                                                {"trailing garbage", garbage},
                                                {"unbalanced message", badMessage},
@@ -284,10 +286,13 @@ TEST_F(ViciClientTest, TimesOutAnUnansweredRequestAndClosesTheConnection) {
     auto client = connectClient();
     ViciReply reply;
     bool answered = false;
-    client->request("never", {}, [&](ViciReply r) {
-        reply = std::move(r);
-        answered = true;
-    }, 150ms);
+    client->request(
+        "never", {},
+        [&](ViciReply r) {
+            reply = std::move(r);
+            answered = true;
+        },
+        150ms);
     ASSERT_TRUE(runUntil(io, [&] { return server.requests("never").size() == 1; }));
     VirtualTime::advance(149ms);
     io.poll();
@@ -368,10 +373,9 @@ TEST_F(ViciClientTest, SyncClientExchangesAndBoundsItsWait) {
     auto deadline = ss::ViciSyncClient::Clock::now() + 1000ms;
     EXPECT_TRUE(sync.request("late", {}, LoopClock::now() + 100ms).succeeded())
         << "an answer 99 ms into a 100 ms wait is taken";
-    ViciReply reply = sync.request("terminate", kv("ike", "Orvane IKEv2"), deadline,
-                                   [&](const std::string& name, const ViciSection&) {
-                                       seen.push_back(name);
-                                   });
+    ViciReply reply =
+        sync.request("terminate", kv("ike", "Orvane IKEv2"), deadline,
+                     [&](const std::string& name, const ViciSection&) { seen.push_back(name); });
     EXPECT_TRUE(reply.succeeded()) << reply.failure();
     EXPECT_EQ(reply.message.get("ike"), "Orvane IKEv2");
     EXPECT_EQ(seen, std::vector<std::string>{"control-log"});
@@ -400,7 +404,7 @@ TEST_F(ViciClientTest, SyncSendReturnsOnceWritten) {
 
 // A charon that is frozen: its socket listens, nobody accepts or reads yet.
 class FrozenCharon {
-public:
+  public:
     FrozenCharon() {
         char dir[] = "/tmp/orvane-frozen-XXXXXX";
         dir_ = ::mkdtemp(dir);
@@ -421,7 +425,7 @@ public:
     // Runs again: takes the waiting connection.
     int resume() { return ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC); }
 
-private:
+  private:
     std::string dir_;
     std::string path_;
     int listener_ = -1;

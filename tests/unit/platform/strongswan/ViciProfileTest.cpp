@@ -179,7 +179,8 @@ TEST(ViciProfileTest, ValuesCharonWouldReadMoreIntoAreRefused) {
     p.remoteIdentifier.reset();
     EXPECT_EQ(refusal(ss::buildLoadConn(p)), "no remote identifier");
 
-    EXPECT_NE(refusal(ss::buildLoadShared(std::string(300, 'a'), platform::Secret("pw"))).find("too long"),
+    EXPECT_NE(refusal(ss::buildLoadShared(std::string(300, 'a'), platform::Secret("pw")))
+                  .find("too long"),
               std::string::npos);
 }
 
