@@ -35,12 +35,15 @@
 
 namespace testing_support {
 
-// Why a search of this process's own memory cannot tell, or nothing. In an
-// unoptimized build the frames of the test and of the code under test keep
-// copies in stack slots that no wipe reaches, so the search is run on
-// optimized builds only.
+// Why a search of a test build's memory (this process's, or the test tool's)
+// cannot tell, or nothing. In an unoptimized build the frames of the test and
+// of the code under test keep copies in stack slots that no wipe reaches; a
+// sanitizer's shadow and quarantine hold copies of their own and make the
+// address space too large to read. The search runs on optimized builds only.
 inline const char* ownMemoryUnsearchable() {
-#if defined(__OPTIMIZE__)
+#if defined(ORVANE_SANITIZED)
+    return "a sanitizer keeps copies in its shadow and quarantine";
+#elif defined(__OPTIMIZE__)
     return nullptr;
 #else
     return "an unoptimized build keeps copies in stack slots";
