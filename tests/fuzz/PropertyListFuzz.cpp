@@ -22,10 +22,14 @@ namespace {
 
 using cli::Value;
 
-// One file for every input, in a folder of its own removed at exit.
+// One file for every input, in a folder of its own removed at exit; in
+// memory where the system has a place for it, since the file is rewritten
+// for every input.
 const std::string& inputPath() {
     static const std::string path = [] {
-        static std::string folder = "/tmp/property-list-fuzz-XXXXXX";
+        static std::string folder =
+            std::string(access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp") +
+            "/property-list-fuzz-XXXXXX";
         if (!mkdtemp(folder.data())) std::abort();
         std::atexit([] {
             std::remove((folder + "/input.plist").c_str());
