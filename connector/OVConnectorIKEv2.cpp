@@ -40,7 +40,12 @@ std::shared_ptr<OVConnectorIKEv2> OVConnectorIKEv2::initWithServer(OptionalStrin
 }
 
 std::shared_ptr<OVConnectorIKEv2> OVConnectorIKEv2::initWithConfigFile(const std::string& path) {
-    auto config = ParseConfig(path);
+    return initWithConfigFile(path, OpenConfigFile(path));
+}
+
+std::shared_ptr<OVConnectorIKEv2> OVConnectorIKEv2::initWithConfigFile(const std::string& path,
+                                                                       ConfigFile file) {
+    auto config = ParseConfig(std::move(file), path);
     const auto find = [&config](std::string_view key) -> Secret* {
         if (!config) {
             return nullptr;

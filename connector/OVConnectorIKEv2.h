@@ -8,6 +8,7 @@
 // tool's controller expects to the connector's Finish.
 
 #include "connector/Finish.h"
+#include "os/File.h"
 #include "platform/NEVPN.h"
 #include "platform/Secret.h"
 
@@ -18,6 +19,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 // The service's default remote identifier, used when the configuration
 // names none.
@@ -34,11 +36,24 @@ inline constexpr std::size_t kMaxConfigFileSize = 1024 * 1024;
 // keys and values alike are wiped when the dictionary goes.
 using ConfigDictionary = std::map<platform::Secret, platform::Secret, std::less<>>;
 
+// A configuration file opened for reading, or the errno of the open that
+// failed. The open blocks as any open does (a FIFO's until it has a
+// writer).
+struct ConfigFile {
+    os::FileDescriptor descriptor;
+    int openError = 0;
+};
+ConfigFile OpenConfigFile(const std::string& path);
+
 // Reads a key=value configuration file. Nil when the file cannot be opened
-// or is larger than kMaxConfigFileSize (after an error line); lines that do
-// not match, or whose key or value is not valid UTF-8, are skipped. Every
-// buffer the file's bytes pass through is wiped before it returns.
+// or is larger than kMaxConfigFileSize (after an error line naming `path`).
+// Every buffer the file's bytes pass through is wiped before it returns.
+std::optional<ConfigDictionary> ParseConfig(ConfigFile file, const std::string& path);
 std::optional<ConfigDictionary> ParseConfig(const std::string& path);
+
+// The lines of a configuration file: lines that do not match, or whose key
+// or value is not valid UTF-8, are skipped.
+ConfigDictionary ParseConfigText(std::string_view text);
 
 // The log text of a status ("IKEv2 Connected", ...).
 std::string NSStringFromNEVPNStatus(platform::NEVPNStatus status);
@@ -54,6 +69,9 @@ class OVConnectorIKEv2 : public std::enable_shared_from_this<OVConnectorIKEv2> {
                                                             OptionalString username,
                                                             OptionalSecret password);
     static std::shared_ptr<OVConnectorIKEv2> initWithConfigFile(const std::string& path);
+    // From a file already opened (and so known to exist), read once.
+    static std::shared_ptr<OVConnectorIKEv2> initWithConfigFile(const std::string& path,
+                                                                ConfigFile file);
 
     // Handles a status notification: reads the connection's status afresh.
     void vpnStatusChanged();

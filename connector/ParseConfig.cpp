@@ -61,7 +61,9 @@ bool readBounded(int fd, std::string& bytes, std::size_t limit) {
     return !tooLarge;
 }
 
-std::optional<ConfigDictionary> parseLines(const std::string& bytes) {
+}  // namespace
+
+ConfigDictionary ParseConfigText(std::string_view bytes) {
     ConfigDictionary config;
     // One line is what one fgets() into 256 bytes gives: up to and
     // including a line feed, at most 255 bytes.
@@ -96,25 +98,33 @@ std::optional<ConfigDictionary> parseLines(const std::string& bytes) {
     return config;
 }
 
-}  // namespace
+ConfigFile OpenConfigFile(const std::string& path) {
+    ConfigFile file{os::FileDescriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC))};
+    if (!file.descriptor.valid()) {
+        file.openError = errno;
+    }
+    return file;
+}
 
-std::optional<ConfigDictionary> ParseConfig(const std::string& path) {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-        const int error = errno;
-        DDLogError("parse_config {}: {}", path, std::strerror(error));
+std::optional<ConfigDictionary> ParseConfig(ConfigFile file, const std::string& path) {
+    if (!file.descriptor.valid()) {
+        DDLogError("parse_config {}: {}", path, std::strerror(file.openError));
         return std::nullopt;
     }
     std::string bytes;
-    const bool whole = readBounded(fd, bytes, kMaxConfigFileSize);
-    ::close(fd);
+    const bool whole = readBounded(file.descriptor.get(), bytes, kMaxConfigFileSize);
+    file.descriptor = os::FileDescriptor();
     std::optional<ConfigDictionary> config;
     if (whole) {
-        config = parseLines(bytes);
+        config = ParseConfigText(bytes);
     }
     os::wipeString(bytes);
     if (!whole) {
         DDLogError("parse_config {}: {}", path, std::strerror(EFBIG));
     }
     return config;
+}
+
+std::optional<ConfigDictionary> ParseConfig(const std::string& path) {
+    return ParseConfig(OpenConfigFile(path), path);
 }

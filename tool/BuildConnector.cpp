@@ -32,7 +32,10 @@ std::shared_ptr<OVConnectorIKEv2> build_connector(const cli::GBSettings& setting
     if (!config.isNil()) {
         // Used verbatim: a relative path is taken from the working directory.
         const std::string path = config.description();
-        if (!fileExistsAtPath(path)) {
+        // One open serves the check and the read: the file read is the one
+        // found.
+        ConfigFile file = OpenConfigFile(path);
+        if (!file.descriptor.valid() && !fileExistsAtPath(path)) {
             DDLogError("Config file {} doesn't exist!", path);
             finish(1);
             return nullptr;
@@ -46,7 +49,7 @@ std::shared_ptr<OVConnectorIKEv2> build_connector(const cli::GBSettings& setting
             finish(1);
             return nullptr;
         }
-        return OVConnectorIKEv2::initWithConfigFile(path);
+        return OVConnectorIKEv2::initWithConfigFile(path, std::move(file));
     }
     if (mode.checkOnly || mode.createOnly) {
         std::string server = random_ip();

@@ -229,3 +229,34 @@ TEST_F(ParseConfigTest, EndlessFileIsReadOnlyUpToTheBound) {
     EXPECT_EQ(connector->server(), std::nullopt);
     EXPECT_EQ(connector->password(), std::nullopt);
 }
+
+TEST_F(ParseConfigTest, TheFileReadIsTheOneOpenedEvenWhenItsNameIsTakenMeanwhile) {
+    write("ip=10.0.0.1\nusername=alice\n");
+    ConfigFile opened = OpenConfigFile(path_);
+    ASSERT_TRUE(opened.descriptor.valid());
+    const std::string other = path_ + ".other";
+    {
+        std::ofstream file(other, std::ios::binary);
+        file << "ip=203.0.113.9\nusername=mallory\n";
+    }
+    ASSERT_EQ(std::rename(other.c_str(), path_.c_str()), 0);
+    const auto connector = OVConnectorIKEv2::initWithConfigFile(path_, std::move(opened));
+    EXPECT_EQ(connector->server(), "10.0.0.1");
+    EXPECT_EQ(connector->username(), "alice");
+}
+
+TEST_F(ParseConfigTest, FailedOpenIsReportedWhenTheFileIsRead) {
+    ConfigFile missing = OpenConfigFile("/nonexistent/orvane.conf");
+    EXPECT_FALSE(missing.descriptor.valid());
+    testing_support::StderrCapture capture;
+    EXPECT_EQ(ParseConfig(std::move(missing), "/nonexistent/orvane.conf"), std::nullopt);
+    capture.restore();
+    EXPECT_EQ(capture.messages(),
+              std::vector<std::string>{
+                  "parse_config /nonexistent/orvane.conf: No such file or directory"});
+}
+
+TEST_F(ParseConfigTest, TextReadsAsTheFileWithThatTextDoes) {
+    const std::string text = "ip = 10.0.0.1\npassword=\"\"\n\xff=x\nremote=\n";
+    EXPECT_EQ(plain(ParseConfigText(text)), parse(text));
+}
