@@ -51,10 +51,11 @@ plist_t saDict(const NEVPNIKEv2SecurityAssociationParameters& sa) {
     return dict;
 }
 
-// Typed readers that fail on a missing key or a wrong type.
+// Typed readers that fail on a missing key or a wrong type; the failure
+// is kept for `error`.
 class Reader {
   public:
-    explicit Reader(std::string& error) : error_(error) {}
+    const Error& error() const { return *failure_; }
 
     bool dict(plist_t parent, const char* key, plist_t& out) {
         out = plist_dict_get_item(parent, key);
@@ -84,8 +85,7 @@ class Reader {
         std::uint64_t value = 0;
         plist_get_uint_val(node, &value);
         if (value > static_cast<std::uint64_t>(high) || static_cast<std::int64_t>(value) < low) {
-            error_ = fmt::format("{} out of range: {}", key, value);
-            return false;
+            return fail(fmt::format("{} out of range: {}", key, value));
         }
         out = static_cast<std::int64_t>(value);
         return true;
@@ -131,16 +131,18 @@ class Reader {
   private:
     bool check(plist_t node, plist_type type, const char* key) {
         if (node == nullptr) {
-            error_ = fmt::format("missing {}", key);
-            return false;
+            return fail(fmt::format("missing {}", key));
         }
         if (plist_get_node_type(node) != type) {
-            error_ = fmt::format("{} has the wrong type", key);
-            return false;
+            return fail(fmt::format("{} has the wrong type", key));
         }
         return true;
     }
-    std::string& error_;
+    bool fail(std::string why) {
+        failure_.emplace(std::move(why));
+        return false;
+    }
+    std::optional<Error> failure_;
 };
 
 std::string folderOf(const std::string& path) {
@@ -234,8 +236,7 @@ Result<StoredProfile> ProfileStore::deserialize(const std::string& bytes) {
     if (parsed == nullptr || plist_get_node_type(parsed) != PLIST_DICT) {
         return Error{"not a property list dictionary"};
     }
-    std::string error;
-    Reader read(error);
+    Reader read;
     StoredProfile out;
     std::int64_t version = 0;
     plist_t proto = nullptr;
@@ -261,7 +262,7 @@ Result<StoredProfile> ProfileStore::deserialize(const std::string& bytes) {
         !read.sa(proto, "IKESecurityAssociationParameters", p.IKESecurityAssociationParameters) ||
         !read.sa(proto, "ChildSecurityAssociationParameters",
                  p.childSecurityAssociationParameters)) {
-        return Error{error};
+        return read.error();
     }
     p.authenticationMethod = static_cast<NEVPNIKEAuthenticationMethod>(auth);
     p.deadPeerDetectionRate = static_cast<NEVPNIKEv2DeadPeerDetectionRate>(dpd);

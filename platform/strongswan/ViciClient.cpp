@@ -249,14 +249,13 @@ void ViciClient::consume(const char* data, std::size_t size) {
     auto self = shared_from_this();
     reader_.feed(std::string_view(data, size));
     std::string packet;
-    std::string error;
     while (open_) {
-        auto result = reader_.next(packet, error);
-        if (result == ViciFrameReader::Result::NeedMore) {
+        Result<ViciFrameReader::Frame> frame = reader_.next(packet);
+        if (!frame) {
+            fail(fmt::format("malformed frame: {}", frame.error().text), true);
             return;
         }
-        if (result == ViciFrameReader::Result::Error) {
-            fail(fmt::format("malformed frame: {}", error), true);
+        if (*frame == ViciFrameReader::Frame::NeedMore) {
             return;
         }
         if (!handlePacket(packet)) {
@@ -384,8 +383,7 @@ Result<void> ViciSyncClient::connect() {
     return {};
 }
 
-bool ViciSyncClient::writeAll(const std::string& frame, Clock::time_point deadline,
-                              std::string& error) {
+Result<void> ViciSyncClient::writeAll(const std::string& frame, Clock::time_point deadline) {
     std::size_t written = 0;
     while (written < frame.size()) {
         pollfd pfd{fd_, POLLOUT, 0};
@@ -394,9 +392,8 @@ bool ViciSyncClient::writeAll(const std::string& frame, Clock::time_point deadli
             continue;
         }
         if (ready <= 0) {
-            error = ready == 0 ? std::string(kViciTimeoutError)
-                               : fmt::format("poll: {}", std::strerror(errno));
-            return false;
+            return Error{ready == 0 ? std::string(kViciTimeoutError)
+                                    : fmt::format("poll: {}", std::strerror(errno))};
         }
         ssize_t n = ::send(fd_, frame.data() + written, frame.size() - written,
                            MSG_DONTWAIT | MSG_NOSIGNAL);
@@ -404,40 +401,34 @@ bool ViciSyncClient::writeAll(const std::string& frame, Clock::time_point deadli
             if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) {
                 continue;
             }
-            error = fmt::format("write failed: {}", std::strerror(errno));
-            return false;
+            return Error{fmt::format("write failed: {}", std::strerror(errno))};
         }
         written += static_cast<std::size_t>(n);
     }
-    return true;
+    return {};
 }
 
-bool ViciSyncClient::write(ViciPacketType type, const std::string& name, const ViciSection* message,
-                           Clock::time_point deadline, std::string& error) {
+Result<void> ViciSyncClient::write(ViciPacketType type, const std::string& name,
+                                   const ViciSection* message, Clock::time_point deadline) {
     if (fd_ < 0) {
-        error = "not connected";
-        return false;
+        return Error{"not connected", NEVPNErrorConnectionFailed};
     }
     std::string frame;
-    Result<void> encoded = encodeViciFrame(type, name, message, frame);
-    if (!encoded) {
-        error = encoded.error().text;
+    Result<void> written = encodeViciFrame(type, name, message, frame);
+    if (written) {
+        written = writeAll(frame, deadline);
     }
-    bool ok = encoded && writeAll(frame, deadline, error);
     os::wipeString(frame);
-    if (!ok) {
+    if (!written) {
         closeSocket();
+        return Error{written.error().text, NEVPNErrorConnectionFailed};
     }
-    return ok;
+    return {};
 }
 
 Result<void> ViciSyncClient::send(const std::string& command, const ViciSection& message,
                                   Clock::time_point deadline) {
-    std::string error;
-    if (!write(ViciPacketType::CmdRequest, command, &message, deadline, error)) {
-        return Error{error, NEVPNErrorConnectionFailed};
-    }
-    return {};
+    return write(ViciPacketType::CmdRequest, command, &message, deadline);
 }
 
 namespace {
@@ -545,49 +536,49 @@ ViciReply ViciSyncClient::exchange(ViciPacketType type, const std::string& name,
                                    const ViciSection* message, Clock::time_point deadline,
                                    const ViciEventHandler& onEvent) {
     ViciReply reply;
-    if (!write(type, name, message, deadline, reply.error)) {
+    if (Result<void> written = write(type, name, message, deadline); !written) {
+        reply.error = written.error().text;
         return reply;
     }
-    ViciPacket packet;
-    while (readPacket(deadline, packet, reply.error)) {
-        if (packet.type == ViciPacketType::Event) {
+    for (;;) {
+        Result<ViciPacket> packet = readPacket(deadline);
+        if (!packet) {
+            reply.error = packet.error().text;
+            return reply;
+        }
+        if (packet->type == ViciPacketType::Event) {
             if (onEvent) {
-                onEvent(packet.name, packet.message);
+                onEvent(packet->name, packet->message);
             }
             continue;
         }
-        if (std::optional<ViciReply> answer = replyTo(type, packet)) {
+        if (std::optional<ViciReply> answer = replyTo(type, *packet)) {
             return std::move(*answer);
         }
-        reply.error = unexpectedPacket(packet);
+        reply.error = unexpectedPacket(*packet);
         closeSocket();
-        break;
+        return reply;
     }
-    return reply;
 }
 
-bool ViciSyncClient::readPacket(Clock::time_point deadline, ViciPacket& packet,
-                                std::string& error) {
-    auto failed = [this, &error](std::string why) {
-        error = std::move(why);
+Result<ViciPacket> ViciSyncClient::readPacket(Clock::time_point deadline) {
+    auto failed = [this](std::string why) -> Result<ViciPacket> {
         closeSocket();
-        return false;
+        return Error{std::move(why), NEVPNErrorConnectionFailed};
     };
     std::array<char, 16384> buffer{};
     while (true) {
         std::string body;
-        std::string why;
-        auto result = reader_.next(body, why);
-        if (result == ViciFrameReader::Result::Error) {
-            return failed(fmt::format("malformed frame: {}", why));
+        Result<ViciFrameReader::Frame> frame = reader_.next(body);
+        if (!frame) {
+            return failed(fmt::format("malformed frame: {}", frame.error().text));
         }
-        if (result == ViciFrameReader::Result::Packet) {
+        if (*frame == ViciFrameReader::Frame::Packet) {
             Result<ViciPacket> decoded = decodeViciPacket(body);
             if (!decoded) {
                 return failed(fmt::format("malformed packet: {}", decoded.error().text));
             }
-            packet = std::move(*decoded);
-            return true;
+            return decoded;
         }
         pollfd pfd{fd_, POLLIN, 0};
         int ready = pollUntil(pfd, deadline, Until::Answer);

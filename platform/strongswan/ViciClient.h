@@ -173,12 +173,12 @@ class ViciSyncClient {
     ViciReply exchange(ViciPacketType type, const std::string& name, const ViciSection* message,
                        Clock::time_point deadline, const ViciEventHandler& onEvent);
     // Encodes and writes one request; on failure closes the connection.
-    bool write(ViciPacketType type, const std::string& name, const ViciSection* message,
-               Clock::time_point deadline, std::string& error);
+    Result<void> write(ViciPacketType type, const std::string& name, const ViciSection* message,
+                       Clock::time_point deadline);
     // Reads the next packet, whatever its type; on failure (including the
     // deadline) closes the connection.
-    bool readPacket(Clock::time_point deadline, ViciPacket& packet, std::string& error);
-    bool writeAll(const std::string& frame, Clock::time_point deadline, std::string& error);
+    Result<ViciPacket> readPacket(Clock::time_point deadline);
+    Result<void> writeAll(const std::string& frame, Clock::time_point deadline);
     void closeSocket();
 
     std::string path_;

@@ -104,69 +104,67 @@ bool viciPacketHasMessage(ViciPacketType type) {
 
 namespace {
 
-bool putName(std::string& out, std::string_view name, std::string& error) {
+Result<void> putName(std::string& out, std::string_view name) {
     if (name.size() > kViciMaxName) {
-        error = fmt::format("name of {} bytes exceeds {} bytes", name.size(), kViciMaxName);
-        return false;
+        return Error{fmt::format("name of {} bytes exceeds {} bytes", name.size(), kViciMaxName)};
     }
     out.push_back(static_cast<char>(name.size()));
     out.append(name);
-    return true;
+    return {};
 }
 
-bool putValue(std::string& out, std::string_view value, std::string& error) {
+Result<void> putValue(std::string& out, std::string_view value) {
     if (value.size() > kViciMaxValue) {
-        error = fmt::format("value of {} bytes exceeds {} bytes", value.size(), kViciMaxValue);
-        return false;
+        return Error{
+            fmt::format("value of {} bytes exceeds {} bytes", value.size(), kViciMaxValue)};
     }
     out.push_back(static_cast<char>((value.size() >> 8) & 0xff));
     out.push_back(static_cast<char>(value.size() & 0xff));
     out.append(value);
-    return true;
+    return {};
 }
 
 void putElement(std::string& out, ViciElement element) {
     out.push_back(static_cast<char>(element));
 }
 
-bool encodeSection(const ViciSection& section, std::size_t depth, std::string& out,
-                   std::string& error) {
+Result<void> encodeSection(const ViciSection& section, std::size_t depth, std::string& out) {
     if (depth > kViciMaxDepth) {
-        error = fmt::format("sections nested deeper than {}", kViciMaxDepth);
-        return false;
+        return Error{fmt::format("sections nested deeper than {}", kViciMaxDepth)};
     }
     for (const auto& entry : section.entries()) {
+        Result<void> put;
         switch (entry.kind) {
             case ViciEntry::Kind::Value:
                 putElement(out, ViciElement::KeyValue);
-                if (!putName(out, entry.name, error) || !putValue(out, entry.value, error)) {
-                    return false;
+                put = putName(out, entry.name);
+                if (put) {
+                    put = putValue(out, entry.value);
                 }
                 break;
             case ViciEntry::Kind::List:
                 putElement(out, ViciElement::ListStart);
-                if (!putName(out, entry.name, error)) {
-                    return false;
-                }
-                for (const auto& item : entry.items) {
+                put = putName(out, entry.name);
+                for (auto item = entry.items.begin(); put && item != entry.items.end(); ++item) {
                     putElement(out, ViciElement::ListItem);
-                    if (!putValue(out, item, error)) {
-                        return false;
-                    }
+                    put = putValue(out, *item);
                 }
                 putElement(out, ViciElement::ListEnd);
                 break;
             case ViciEntry::Kind::Section:
                 putElement(out, ViciElement::SectionStart);
-                if (!putName(out, entry.name, error) ||
-                    !encodeSection(entry.section, depth + 1, out, error)) {
-                    return false;
+                put = putName(out, entry.name);
+                if (put) {
+                    put = encodeSection(entry.section, depth + 1, out);
                 }
                 putElement(out, ViciElement::SectionEnd);
                 break;
         }
+        if (!put) {
+            return put;
+        }
     }
-    return true;
+    return {};
 }
 
 // Bounds-checked reader over one packet's bytes.
@@ -237,18 +235,13 @@ std::size_t viciMessageSize(const ViciSection& message) {
 }
 
 Result<void> encodeViciMessage(const ViciSection& message, std::string& out) {
-    std::string error;
-    if (!encodeSection(message, 0, out, error)) {
-        return Error{error};
-    }
-    return {};
+    return encodeSection(message, 0, out);
 }
 
 namespace {
 
-// The decoder proper: fills `message`, or stops at the first flaw with
-// `error` set.
-bool decodeMessage(std::string_view bytes, ViciSection& message, std::string& error) {
+// The decoder proper: fills `message`, or stops at the first flaw.
+Result<void> decodeMessage(std::string_view bytes, ViciSection& message) {
     message = ViciSection{};
     Cursor cursor(bytes);
     // The path of open sections; the root is always at the bottom.
@@ -263,94 +256,78 @@ bool decodeMessage(std::string_view bytes, ViciSection& message, std::string& er
         switch (static_cast<ViciElement>(type)) {
             case ViciElement::SectionStart:
                 if (openList != nullptr) {
-                    error = fmt::format("section inside a list at offset {}", at);
-                    return false;
+                    return Error{fmt::format("section inside a list at offset {}", at)};
                 }
                 if (open.size() > kViciMaxDepth) {
-                    error = fmt::format("sections nested deeper than {}", kViciMaxDepth);
-                    return false;
+                    return Error{fmt::format("sections nested deeper than {}", kViciMaxDepth)};
                 }
                 if (!cursor.name(name)) {
-                    error = fmt::format("truncated section name at offset {}", at);
-                    return false;
+                    return Error{fmt::format("truncated section name at offset {}", at)};
                 }
                 open.push_back(&open.back()->addSection(std::move(name)));
                 break;
             case ViciElement::SectionEnd:
                 if (openList != nullptr) {
-                    error = fmt::format("section end inside a list at offset {}", at);
-                    return false;
+                    return Error{fmt::format("section end inside a list at offset {}", at)};
                 }
                 if (open.size() == 1) {
-                    error = fmt::format("section end without a section at offset {}", at);
-                    return false;
+                    return Error{fmt::format("section end without a section at offset {}", at)};
                 }
                 open.pop_back();
                 break;
             case ViciElement::KeyValue:
                 if (openList != nullptr) {
-                    error = fmt::format("key/value inside a list at offset {}", at);
-                    return false;
+                    return Error{fmt::format("key/value inside a list at offset {}", at)};
                 }
                 if (!cursor.name(name) || !cursor.value(value)) {
-                    error = fmt::format("truncated key/value at offset {}", at);
-                    return false;
+                    return Error{fmt::format("truncated key/value at offset {}", at)};
                 }
                 open.back()->add(std::move(name), std::move(value));
                 break;
             case ViciElement::ListStart:
                 if (openList != nullptr) {
-                    error = fmt::format("list inside a list at offset {}", at);
-                    return false;
+                    return Error{fmt::format("list inside a list at offset {}", at)};
                 }
                 if (!cursor.name(name)) {
-                    error = fmt::format("truncated list name at offset {}", at);
-                    return false;
+                    return Error{fmt::format("truncated list name at offset {}", at)};
                 }
                 open.back()->addList(std::move(name), {});
                 openList = &open.back()->entries().back().items;
                 break;
             case ViciElement::ListItem:
                 if (openList == nullptr) {
-                    error = fmt::format("list item outside a list at offset {}", at);
-                    return false;
+                    return Error{fmt::format("list item outside a list at offset {}", at)};
                 }
                 if (!cursor.value(value)) {
-                    error = fmt::format("truncated list item at offset {}", at);
-                    return false;
+                    return Error{fmt::format("truncated list item at offset {}", at)};
                 }
                 openList->push_back(std::move(value));
                 break;
             case ViciElement::ListEnd:
                 if (openList == nullptr) {
-                    error = fmt::format("list end without a list at offset {}", at);
-                    return false;
+                    return Error{fmt::format("list end without a list at offset {}", at)};
                 }
                 openList = nullptr;
                 break;
             default:
-                error = fmt::format("unknown element type {} at offset {}", type, at);
-                return false;
+                return Error{fmt::format("unknown element type {} at offset {}", type, at)};
         }
     }
     if (openList != nullptr) {
-        error = "unterminated list";
-        return false;
+        return Error{"unterminated list"};
     }
     if (open.size() != 1) {
-        error = fmt::format("{} unterminated section(s)", open.size() - 1);
-        return false;
+        return Error{fmt::format("{} unterminated section(s)", open.size() - 1)};
     }
-    return true;
+    return {};
 }
 
 }  // namespace
 
 Result<ViciSection> decodeViciMessage(std::string_view bytes) {
     ViciSection message;
-    std::string error;
-    if (!decodeMessage(bytes, message, error)) {
-        return Error{error};
+    if (Result<void> decoded = decodeMessage(bytes, message); !decoded) {
+        return decoded.error();
     }
     return message;
 }
@@ -359,27 +336,29 @@ namespace {
 
 const ViciSection kEmptyMessage;
 
-bool appendPacket(ViciPacketType packetType, std::string_view name, const ViciSection& message,
-                  std::string& out, std::string& error) {
+Result<void> appendPacket(ViciPacketType packetType, std::string_view name,
+                          const ViciSection& message, std::string& out) {
     auto type = static_cast<std::uint8_t>(packetType);
     if (type > static_cast<std::uint8_t>(ViciPacketType::Event)) {
-        error = fmt::format("unknown packet type {}", type);
-        return false;
+        return Error{fmt::format("unknown packet type {}", type)};
     }
     std::size_t start = out.size();
     out.push_back(static_cast<char>(type));
-    if (viciPacketHasName(packetType) && !putName(out, name, error)) {
-        return false;
+    if (viciPacketHasName(packetType)) {
+        if (Result<void> put = putName(out, name); !put) {
+            return put;
+        }
     }
-    if (viciPacketHasMessage(packetType) && !encodeSection(message, 0, out, error)) {
-        return false;
+    if (viciPacketHasMessage(packetType)) {
+        if (Result<void> put = encodeSection(message, 0, out); !put) {
+            return put;
+        }
     }
     if (out.size() - start > kViciMaxPacket) {
-        error =
-            fmt::format("packet of {} bytes exceeds {} bytes", out.size() - start, kViciMaxPacket);
-        return false;
+        return Error{
+            fmt::format("packet of {} bytes exceeds {} bytes", out.size() - start, kViciMaxPacket)};
     }
-    return true;
+    return {};
 }
 
 std::size_t packetSize(ViciPacketType type, std::string_view name, const ViciSection& message) {
@@ -398,12 +377,11 @@ std::size_t packetSize(ViciPacketType type, std::string_view name, const ViciSec
 Result<void> encodeViciPacket(const ViciPacket& packet, std::string& out) {
     os::wipeString(out);
     out.reserve(packetSize(packet.type, packet.name, packet.message));
-    std::string error;
-    if (!appendPacket(packet.type, packet.name, packet.message, out, error)) {
+    Result<void> appended = appendPacket(packet.type, packet.name, packet.message, out);
+    if (!appended) {
         os::wipeString(out);
-        return Error{error};
     }
-    return {};
+    return appended;
 }
 
 Result<ViciPacket> decodeViciPacket(std::string_view bytes) {
@@ -425,9 +403,8 @@ Result<ViciPacket> decodeViciPacket(std::string_view bytes) {
         return Error{"truncated packet name"};
     }
     if (viciPacketHasMessage(packet.type)) {
-        std::string error;
-        if (!decodeMessage(cursor.rest(), packet.message, error)) {
-            return Error{error};
+        if (Result<void> decoded = decodeMessage(cursor.rest(), packet.message); !decoded) {
+            return decoded.error();
         }
         return packet;
     }
@@ -448,10 +425,9 @@ Result<void> encodeViciFrame(ViciPacketType type, std::string_view name, const V
     os::wipeString(out);
     out.reserve(4 + packetSize(type, name, body));
     out.append(4, '\0');
-    std::string error;
-    if (!appendPacket(type, name, body, out, error)) {
+    if (Result<void> appended = appendPacket(type, name, body, out); !appended) {
         os::wipeString(out);
-        return Error{error};
+        return appended;
     }
     auto length = static_cast<std::uint32_t>(out.size() - 4);
     out[0] = static_cast<char>((length >> 24) & 0xff);
@@ -462,7 +438,7 @@ Result<void> encodeViciFrame(ViciPacketType type, std::string_view name, const V
 }
 
 void ViciFrameReader::feed(std::string_view bytes) {
-    if (failed_) {
+    if (failure_) {
         return;
     }
     if (offset_ > 0 && offset_ == buffer_.size()) {
@@ -472,26 +448,23 @@ void ViciFrameReader::feed(std::string_view bytes) {
     buffer_.append(bytes);
 }
 
-ViciFrameReader::Result ViciFrameReader::next(std::string& packet, std::string& error) {
-    if (failed_) {
-        error = failure_;
-        return Result::Error;
+Result<ViciFrameReader::Frame> ViciFrameReader::next(std::string& packet) {
+    if (failure_) {
+        return *failure_;
     }
     std::size_t available = buffer_.size() - offset_;
     if (available < 4) {
-        return Result::NeedMore;
+        return Frame::NeedMore;
     }
     const auto* head = reinterpret_cast<const unsigned char*>(buffer_.data() + offset_);
     std::size_t length = (std::size_t{head[0]} << 24) | (std::size_t{head[1]} << 16) |
                          (std::size_t{head[2]} << 8) | std::size_t{head[3]};
     if (length == 0 || length > kViciMaxPacket) {
-        failed_ = true;
-        failure_ = fmt::format("frame length {} outside 1..{}", length, kViciMaxPacket);
-        error = failure_;
-        return Result::Error;
+        failure_ = Error{fmt::format("frame length {} outside 1..{}", length, kViciMaxPacket)};
+        return *failure_;
     }
     if (available - 4 < length) {
-        return Result::NeedMore;
+        return Frame::NeedMore;
     }
     packet.assign(buffer_, offset_ + 4, length);
     offset_ += 4 + length;
@@ -502,7 +475,7 @@ ViciFrameReader::Result ViciFrameReader::next(std::string& packet, std::string& 
         buffer_.erase(0, offset_);
         offset_ = 0;
     }
-    return Result::Packet;
+    return Frame::Packet;
 }
 
 }  // namespace platform::strongswan

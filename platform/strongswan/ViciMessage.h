@@ -11,6 +11,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -139,17 +140,16 @@ Result<void> encodeViciFrame(ViciPacketType type, std::string_view name, const V
 class ViciFrameReader {
   public:
     void feed(std::string_view bytes);
-    enum class Result { Packet, NeedMore, Error };
+    enum class Frame { Packet, NeedMore };
     // On Packet, `packet` holds the next whole packet's bytes.
-    Result next(std::string& packet, std::string& error);
-    bool failed() const { return failed_; }
+    Result<Frame> next(std::string& packet);
+    bool failed() const { return failure_.has_value(); }
     std::size_t buffered() const { return buffer_.size() - offset_; }
 
   private:
     std::string buffer_;
     std::size_t offset_ = 0;
-    bool failed_ = false;
-    std::string failure_;
+    std::optional<Error> failure_;
 };
 
 }  // namespace platform::strongswan

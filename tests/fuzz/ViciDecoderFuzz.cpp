@@ -26,7 +26,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     // The same bytes as a stream, fed in pieces whose sizes come from the
     // input itself.
     ss::ViciFrameReader reader;
-    std::string error;
     std::size_t at = 0;
     while (at < size) {
         std::size_t piece = 1 + data[at] % 64;
@@ -36,7 +35,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         reader.feed(bytes.substr(at, piece));
         at += piece;
         std::string body;
-        while (reader.next(body, error) == ss::ViciFrameReader::Result::Packet) {
+        for (auto frame = reader.next(body); frame && *frame == ss::ViciFrameReader::Frame::Packet;
+             frame = reader.next(body)) {
             (void)ss::decodeViciPacket(body);
         }
     }

@@ -162,16 +162,15 @@ void FakeCharon::readLoop(Link* link) {
         }
         reader.feed(std::string_view(buffer, static_cast<std::size_t>(n)));
         std::string body;
-        std::string error;
         while (true) {
-            auto result = reader.next(body, error);
-            if (result == ss::ViciFrameReader::Result::NeedMore) {
-                break;
-            }
-            if (result == ss::ViciFrameReader::Result::Error) {
+            auto frame = reader.next(body);
+            if (!frame) {
                 // charon logs and drops such a client.
                 link->hangUp();
                 return;
+            }
+            if (*frame == ss::ViciFrameReader::Frame::NeedMore) {
+                break;
             }
             auto decoded = ss::decodeViciPacket(body);
             if (!decoded) {

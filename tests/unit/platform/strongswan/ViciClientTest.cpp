@@ -442,10 +442,9 @@ std::vector<std::string> readRequests(int fd, std::size_t count, std::chrono::mi
     std::vector<std::string> names;
     ss::ViciFrameReader reader;
     std::string body;
-    std::string error;
     char buffer[4096];
     while (names.size() < count) {
-        if (reader.next(body, error) == ss::ViciFrameReader::Result::Packet) {
+        if (auto frame = reader.next(body); frame && *frame == ss::ViciFrameReader::Frame::Packet) {
             auto packet = ss::decodeViciPacket(body);
             EXPECT_TRUE(packet) << (packet ? "" : packet.error().text);
             names.push_back(packet ? packet->name : std::string());

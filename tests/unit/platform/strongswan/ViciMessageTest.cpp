@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -11,6 +12,15 @@ using ss::ViciPacketType;
 using ss::ViciSection;
 
 namespace {
+
+using Frame = ss::ViciFrameReader::Frame;
+
+// The reader's next frame; a refused stream fails the test.
+std::optional<Frame> frameOf(ss::ViciFrameReader& reader, std::string& body) {
+    auto frame = reader.next(body);
+    EXPECT_TRUE(frame) << (frame ? "" : frame.error().text);
+    return frame ? std::optional<Frame>(*frame) : std::nullopt;
+}
 
 // `message` encoded and decoded again; empty after a failure.
 ViciSection roundTrip(const ViciSection& message) {
@@ -103,12 +113,11 @@ TEST(ViciMessageTest, DecodesTheKnownFrames) {
         ss::ViciFrameReader reader;
         reader.feed(c.frame);
         std::string body;
-        std::string error;
-        ASSERT_EQ(reader.next(body, error), ss::ViciFrameReader::Result::Packet) << c.what;
+        ASSERT_EQ(frameOf(reader, body), Frame::Packet) << c.what;
         auto decoded = ss::decodeViciPacket(body);
         ASSERT_TRUE(decoded) << c.what << ": " << decoded.error().text;
         EXPECT_EQ(*decoded, c.packet) << c.what;
-        EXPECT_EQ(reader.next(body, error), ss::ViciFrameReader::Result::NeedMore) << c.what;
+        EXPECT_EQ(frameOf(reader, body), Frame::NeedMore) << c.what;
     }
 }
 
@@ -259,7 +268,6 @@ TEST(ViciMessageTest, AcceptsNestingUpToTheBound) {
 TEST(ViciMessageTest, ReaderReassemblesSplitFramesAndKeepsBackToBackOnesApart) {
     std::string a;
     std::string b;
-    std::string error;
     ASSERT_TRUE(ss::encodeViciFrame(packet(ViciPacketType::CmdRequest, "version"), a));
     ASSERT_TRUE(ss::encodeViciFrame(packet(ViciPacketType::EventConfirm), b));
     std::string stream = a + b;
@@ -268,7 +276,7 @@ TEST(ViciMessageTest, ReaderReassemblesSplitFramesAndKeepsBackToBackOnesApart) {
     for (char c : stream) {
         reader.feed(std::string_view(&c, 1));
         std::string body;
-        while (reader.next(body, error) == ss::ViciFrameReader::Result::Packet) {
+        while (frameOf(reader, body) == Frame::Packet) {
             got.push_back(body);
         }
     }
@@ -282,11 +290,11 @@ TEST(ViciMessageTest, ReaderRefusesZeroAndOversizedLengthsForGood) {
         ss::ViciFrameReader reader;
         reader.feed(lengthPrefix(length, 4) + "xx");
         std::string body;
-        std::string error;
-        EXPECT_EQ(reader.next(body, error), ss::ViciFrameReader::Result::Error) << length;
-        EXPECT_FALSE(error.empty());
+        auto refused = reader.next(body);
+        ASSERT_FALSE(refused) << length;
+        EXPECT_FALSE(refused.error().text.empty());
         reader.feed(bytes({0, 0, 0, 1, 5}));
-        EXPECT_EQ(reader.next(body, error), ss::ViciFrameReader::Result::Error) << length;
+        EXPECT_FALSE(reader.next(body)) << length;
         EXPECT_TRUE(reader.failed());
     }
 }
@@ -296,8 +304,7 @@ TEST(ViciMessageTest, ReaderAcceptsTheLargestFrame) {
     std::string body(ss::kViciMaxPacket, '\x01');
     reader.feed(lengthPrefix(ss::kViciMaxPacket, 4) + body);
     std::string got;
-    std::string error;
-    ASSERT_EQ(reader.next(got, error), ss::ViciFrameReader::Result::Packet) << error;
+    ASSERT_EQ(frameOf(reader, got), Frame::Packet);
     EXPECT_EQ(got.size(), ss::kViciMaxPacket);
 }
 
