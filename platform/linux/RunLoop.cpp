@@ -64,21 +64,15 @@ void RunLoop::runUntil(Clock::time_point deadline) {
         runVirtualUntil(deadline);
         return;
     }
-    context.run_until(deadline);
+    if (deadline == Clock::time_point::max()) {
+        context.run();
+    } else {
+        context.run_until(deadline);
+    }
 }
 
 void RunLoop::run() {
-    asio::io_context& context = mainIoContext();
-    context.restart();
-    deliverPendingSignals();
-    if (context.stopped()) {
-        return;
-    }
-    if (VirtualTime::active()) {
-        runVirtualUntil(Clock::time_point::max());
-        return;
-    }
-    context.run();
+    runUntil(Clock::time_point::max());
 }
 
 bool RunLoop::runReady() {
