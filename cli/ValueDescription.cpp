@@ -3,6 +3,7 @@
 
 #include "cli/Value.h"
 #include "cli/ValueObject.h"
+#include "cli/ValueUtf8.h"
 
 #include <algorithm>
 #include <cmath>

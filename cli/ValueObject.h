@@ -1,7 +1,6 @@
 #pragma once
 
-// The shared object behind a Value, and the UTF-8 helpers the Value sources
-// share. Internal to the command-line layer.
+// The shared object behind a Value. Internal to the command-line layer.
 
 #include "cli/Value.h"
 
@@ -26,22 +25,6 @@ struct Value::Object {
     std::map<std::string, Value> entries;
     std::vector<std::uint8_t> bytes;
 };
-
-namespace utf8 {
-
-// One decoded code point; an ill-formed byte decodes as U+FFFD of length 1.
-struct CodePoint {
-    char32_t value;
-    std::size_t length;
-    bool valid;
-};
-
-CodePoint decode(std::string_view text, std::size_t pos);
-
-// The UTF-16 code units of the text, ill-formed bytes each giving U+FFFD.
-std::u16string toUTF16(std::string_view text);
-
-}  // namespace utf8
 
 // Whether `text` is `lower` but for the case of ASCII letters.
 inline bool equalsIgnoringASCIICase(std::string_view text, std::string_view lower) {

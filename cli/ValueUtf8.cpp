@@ -1,7 +1,7 @@
 // UTF-8 decoding and UTF-16 counting for the object model.
 
+#include "cli/ValueUtf8.h"
 #include "cli/Value.h"
-#include "cli/ValueObject.h"
 
 namespace cli {
 

@@ -1,6 +1,6 @@
 // The XML property-list writer, in the exact layout Foundation writes.
 
-#include "cli/ValueObject.h"
+#include "cli/ValueUtf8.h"
 #include "cli/plist/PropertyList.h"
 
 #include <algorithm>

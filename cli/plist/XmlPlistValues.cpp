@@ -4,6 +4,7 @@
 #include "cli/plist/XmlPlistValues.h"
 
 #include "cli/ValueObject.h"
+#include "cli/ValueUtf8.h"
 #include "cli/plist/PropertyList.h"
 
 #include <locale.h>
