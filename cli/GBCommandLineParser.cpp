@@ -38,14 +38,15 @@ void GBCommandLineParser::registerOption(const std::string& longName, char short
     // Without a name the record would answer to "--" (and its twin to
     // "--no-"), and its value would have no key to be stored under.
     if (longName.empty()) return;
-    auto record = std::make_shared<GBOptionData>(GBOptionData{longName, requirement, {}, false});
+    const bool hasShortcut = static_cast<std::int8_t>(shortcut) > 0;
+    auto record = std::make_shared<GBOptionData>(GBOptionData{
+        longName, requirement, hasShortcut ? std::optional<char>(shortcut) : std::nullopt, false});
     registeredOptionsByLongNames_.insert_or_assign(longName, record);
     if (currentOptionsGroupOptions_ && !currentOptionsGroupOptions_->contains(longName)) {
         currentOptionsGroupOptions_->longNames.push_back(longName);
     }
 
-    if (static_cast<std::int8_t>(shortcut) > 0) {
-        record->shortOption = shortcut;
+    if (hasShortcut) {
         registeredOptionsByShortNames_.insert_or_assign(std::string(1, shortcut), record);
     }
 
