@@ -352,7 +352,7 @@ std::string GBOptionsHelper::valuesTextFromSettings(GBSettings& settings) {
             if (settingsHierarchyLevels > 1) {
                 GBSettings* level = settings.settingsForArgument(argument);
                 text += " (";
-                text += cText(level ? describe(level->name()) : "(null)");
+                text += cText(level ? describe(level->name()) : std::string(kNilDescription));
                 text += ")";
             }
             text += "\n";

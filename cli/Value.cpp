@@ -293,7 +293,7 @@ std::uint32_t Value::uidValue() const {
 }
 
 std::string describe(const std::optional<std::string>& text) {
-    return text ? *text : "(null)";
+    return text ? *text : std::string(kNilDescription);
 }
 
 }  // namespace cli

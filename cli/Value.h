@@ -143,7 +143,11 @@ struct NSError {
     std::string description;
 };
 
-// The text form of an optional string as `%@` prints it: "(null)" for none.
+// What `%@` prints for nil.
+inline constexpr std::string_view kNilDescription = "(null)";
+
+// The text form of an optional string as `%@` prints it: kNilDescription
+// for none.
 std::string describe(const std::optional<std::string>& text);
 
 // Length of UTF-8 text in UTF-16 code units (invalid bytes count one each).

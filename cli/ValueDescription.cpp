@@ -143,7 +143,7 @@ std::string describeAt(const Value& value, int level) {
 std::string Value::description() const {
     switch (kind()) {
         case Kind::Nil:
-            return "(null)";
+            return std::string(kNilDescription);
         case Kind::String:
             return object_->text;
         case Kind::Number:
