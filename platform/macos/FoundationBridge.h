@@ -22,10 +22,9 @@ NSString* _Nullable toNSString(std::string_view text);
 NSString* _Nullable toNSString(const std::optional<std::string>& text);
 // A secret as a string that owns its UTF-16 characters in a buffer of ours:
 // they are wiped when the string is released, by us or by the framework
-// that retained it. Nil when the secret is not UTF-8. Foundation may still
-// copy the characters (it promises no-copy use only where it can); such a
-// copy, and anything the framework derives from the string, is freed
-// without a wipe.
+// that retained it (a copy of it is the string itself). Nil when the secret
+// is not UTF-8. What the framework derives from the string (a mutable copy,
+// its UTF-8 form, what it sends to its daemon) is freed without a wipe.
 NSString* _Nullable toNSString(const Secret& secret);
 // The string's UTF-8 bytes, NULs included; none for nil, and for a string
 // that has no UTF-8 form (a lone surrogate).

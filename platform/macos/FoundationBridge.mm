@@ -7,9 +7,73 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <type_traits>
 
 NS_ASSUME_NONNULL_BEGIN
+
+// An immutable string over UTF-16 characters it owns, wiped and freed when
+// it goes. A string subclass needs only the two primitives; getCharacters
+// spares Foundation a call per character.
+@interface OrvaneWipingString : NSString
+- (instancetype)initWithOwnedCharacters:(unichar*)characters
+                                 length:(NSUInteger)length
+                                  bytes:(std::size_t)bytes;
+@end
+
+@implementation OrvaneWipingString {
+    unichar* _characters;
+    NSUInteger _length;
+    std::size_t _bytes;
+}
+
+- (instancetype)initWithOwnedCharacters:(unichar*)characters
+                                 length:(NSUInteger)length
+                                  bytes:(std::size_t)bytes {
+    self = [super init];
+    if (self != nil) {
+        _characters = characters;
+        _length = length;
+        _bytes = bytes;
+    } else {
+        os::wipeMemory(characters, bytes);
+        std::free(characters);
+    }
+    return self;
+}
+
+- (NSUInteger)length {
+    return _length;
+}
+
+- (unichar)characterAtIndex:(NSUInteger)index {
+    if (index >= _length) {
+        [NSException raise:NSRangeException
+                    format:@"index %lu beyond length %lu", static_cast<unsigned long>(index),
+                           static_cast<unsigned long>(_length)];
+    }
+    return _characters[index];
+}
+
+- (void)getCharacters:(unichar*)buffer range:(NSRange)range {
+    if (range.location > _length || range.length > _length - range.location) {
+        [NSException raise:NSRangeException
+                    format:@"range beyond length %lu", static_cast<unsigned long>(_length)];
+    }
+    std::memcpy(buffer, _characters + range.location, range.length * sizeof(unichar));
+}
+
+// Immutable: a copy is the same string, not an unwiped duplicate.
+- (id)copyWithZone:(nullable NSZone*)zone {
+    return self;
+}
+
+- (void)dealloc {
+    os::wipeMemory(_characters, _bytes);
+    std::free(_characters);
+}
+
+@end
 
 namespace platform::macos {
 
@@ -36,12 +100,9 @@ NSString* _Nullable toNSString(const Secret& secret) {
     }
     static_assert(std::is_same_v<unichar, std::uint16_t>);
     utf16FromUTF8(secret.view(), characters);
-    return [[NSString alloc] initWithCharactersNoCopy:characters
-                                               length:*length
-                                          deallocator:^(unichar* owned, NSUInteger) {
-                                            os::wipeMemory(owned, bytes);
-                                            std::free(owned);
-                                          }];
+    return [[OrvaneWipingString alloc] initWithOwnedCharacters:characters
+                                                        length:*length
+                                                         bytes:bytes];
 }
 
 std::optional<std::string> fromNSString(NSString* _Nullable text) {
