@@ -90,11 +90,13 @@ void TerminalWriter::flush(std::chrono::milliseconds limit) {
     const auto deadline = Clock::now() + limit;
     std::lock_guard lock(mutex_);
     while (drain() == Progress::Blocked) {
-        const auto left =
-            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-        if (left.count() <= 0) {
+        const auto now = Clock::now();
+        if (now >= deadline) {
             return;
         }
+        // Rounded up: poll(2) counts whole milliseconds, and a wait cut short
+        // by the rounding would give up before the limit.
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - now);
         pollfd ready{fd_, POLLOUT, 0};
         ::poll(&ready, 1, static_cast<int>(left.count()));
     }

@@ -46,6 +46,7 @@ class Lateness {
         std::sort(seen_.begin(), seen_.end());
         state_.counters["median_ms"] = seen_[seen_.size() / 2] * 1e3;
         state_.counters["max_ms"] = seen_.back() * 1e3;
+        state_.counters["min_ms"] = seen_.front() * 1e3;
     }
     Lateness(const Lateness&) = delete;
     Lateness& operator=(const Lateness&) = delete;

@@ -121,6 +121,15 @@ TEST(TerminalWriterTest, FlushGivesUpWhenNobodyReads) {
     EXPECT_FALSE(writer.writePending());
 }
 
+TEST(TerminalWriterTest, FlushWaitsItsWholeLimitForAReaderThatReadsNothing) {
+    FullPipe pipe;
+    TerminalWriter writer(pipe.writeEnd());
+    writer.write("IKEv2 Disconnected\n");
+    const auto start = std::chrono::steady_clock::now();
+    writer.flush(20ms);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 20ms);
+}
+
 TEST(TerminalWriterTest, FlushWritesWhatWaitsOnceTheReaderReads) {
     FullPipe pipe;
     TerminalWriter writer(pipe.writeEnd());
