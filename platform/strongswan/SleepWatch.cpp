@@ -1,9 +1,10 @@
 #include "platform/strongswan/SleepWatch.h"
 
+#include "platform/strongswan/SdBus.h"
+
 #include "log/DDLog.h"
 #include "platform/linux/LoopTimer.h"
 
-#include <systemd/sd-bus.h>
 #include <asio/posix/stream_descriptor.hpp>
 #include <asio/post.hpp>
 #include <asio/steady_timer.hpp>
@@ -27,17 +28,17 @@ std::string errnoText(int negativeErrno) {
 }
 
 // The connection, started: authentication and Hello go on asynchronously.
-int openBus(const std::string& address, sd_bus** bus) {
+int openBus(const SdBus& sd, const std::string& address, sd_bus** bus) {
     if (address == kSystemBus) {
-        return sd_bus_open_system(bus);
+        return sd.open_system(bus);
     }
-    int r = sd_bus_new(bus);
+    int r = sd.new_bus(bus);
     if (r < 0) {
         return r;
     }
-    if ((r = sd_bus_set_address(*bus, address.c_str())) < 0 ||
-        (r = sd_bus_set_bus_client(*bus, 1)) < 0 || (r = sd_bus_start(*bus)) < 0) {
-        *bus = sd_bus_unref(*bus);
+    if ((r = sd.set_address(*bus, address.c_str())) < 0 || (r = sd.set_bus_client(*bus, 1)) < 0 ||
+        (r = sd.start(*bus)) < 0) {
+        *bus = sd.unref(*bus);
     }
     return r;
 }
@@ -48,15 +49,15 @@ int openBus(const std::string& address, sd_bus** bus) {
 // sd-bus calls back from inside sd_bus_process; those callbacks only record
 // and post, so nothing is torn down under sd-bus's feet.
 struct SleepWatch::Connection : std::enable_shared_from_this<Connection> {
-    explicit Connection(asio::io_context& context)
-        : socket(context), timer(context), releaseTimer(context) {}
+    Connection(asio::io_context& context, const SdBus& functions)
+        : sd(functions), socket(context), timer(context), releaseTimer(context) {}
 
     ~Connection() {
         asio::error_code ignored;
         socket.close(ignored);
-        sd_bus_slot_unref(sleepSignal);
-        sd_bus_slot_unref(inhibitCall);
-        sd_bus_close_unref(bus);
+        sd.slot_unref(sleepSignal);
+        sd.slot_unref(inhibitCall);
+        sd.close_unref(bus);
         if (lockFd >= 0) {
             ::close(lockFd);
             DDLogDebug("IKEv2 sleep lock released");
@@ -67,13 +68,13 @@ struct SleepWatch::Connection : std::enable_shared_from_this<Connection> {
     // it asks for next. False when the connection is broken.
     bool pump() {
         int r;
-        while ((r = sd_bus_process(bus, nullptr)) > 0) {
+        while ((r = sd.process(bus, nullptr)) > 0) {
         }
         if (r < 0) {
             DDLogDebug("IKEv2 system bus connection lost: {}", errnoText(r));
             return false;
         }
-        int events = sd_bus_get_events(bus);
+        int events = sd.get_events(bus);
         if (events < 0) {
             DDLogDebug("IKEv2 system bus connection lost: {}", errnoText(events));
             return false;
@@ -87,7 +88,7 @@ struct SleepWatch::Connection : std::enable_shared_from_this<Connection> {
             wait(asio::posix::stream_descriptor::wait_write, writeArmed);
         }
         std::uint64_t usec = 0;
-        if (sd_bus_get_timeout(bus, &usec) >= 0 && usec != UINT64_MAX) {
+        if (sd.get_timeout(bus, &usec) >= 0 && usec != UINT64_MAX) {
             // CLOCK_MONOTONIC microseconds, the steady clock's own epoch.
             timer.expires_at(asio::steady_timer::time_point(std::chrono::microseconds(usec)));
             std::weak_ptr<Connection> weak = weak_from_this();
@@ -124,15 +125,15 @@ struct SleepWatch::Connection : std::enable_shared_from_this<Connection> {
 
     static int onInhibitReply(sd_bus_message* reply, void* userdata, sd_bus_error*) {
         auto* self = static_cast<Connection*>(userdata);
-        if (sd_bus_message_is_method_error(reply, nullptr)) {
-            const sd_bus_error* error = sd_bus_message_get_error(reply);
+        if (self->sd.message_is_method_error(reply, nullptr)) {
+            const sd_bus_error* error = self->sd.message_get_error(reply);
             DDLogDebug("IKEv2 no sleep lock from logind, sleep is not watched: {}: {}",
                        error->name ? error->name : "?", error->message ? error->message : "");
             self->post([](SleepWatch& watch) { watch.end(); });
             return 0;
         }
         int fd = -1;
-        int r = sd_bus_message_read(reply, "h", &fd);
+        int r = self->sd.message_read(reply, "h", &fd);
         if (r < 0 || (self->lockFd = ::fcntl(fd, F_DUPFD_CLOEXEC, 3)) < 0) {
             DDLogDebug("IKEv2 unreadable sleep lock from logind: {}",
                        errnoText(r < 0 ? r : -errno));
@@ -146,7 +147,7 @@ struct SleepWatch::Connection : std::enable_shared_from_this<Connection> {
     static int onPrepareForSleep(sd_bus_message* signal, void* userdata, sd_bus_error*) {
         auto* self = static_cast<Connection*>(userdata);
         int start = 0;
-        if (sd_bus_message_read(signal, "b", &start) < 0 || !start) {
+        if (self->sd.message_read(signal, "b", &start) < 0 || !start) {
             return 0;
         }
         self->post([](SleepWatch& watch) { watch.sleepAnnounced(); });
@@ -164,6 +165,7 @@ struct SleepWatch::Connection : std::enable_shared_from_this<Connection> {
         });
     }
 
+    const SdBus& sd;
     SleepWatch* owner = nullptr;
     sd_bus* bus = nullptr;
     sd_bus_slot* sleepSignal = nullptr;
@@ -194,16 +196,22 @@ void SleepWatch::begin() {
     if (options_.bus.empty() || connection_) {
         return;
     }
-    auto connection = std::make_shared<Connection>(context_);
+    std::string missing;
+    const SdBus* sd = loadSdBus(missing);
+    if (sd == nullptr) {
+        DDLogDebug("IKEv2 no sd-bus, sleep is not watched: {}", missing);
+        return;
+    }
+    auto connection = std::make_shared<Connection>(context_, *sd);
     connection->owner = this;
-    int r = openBus(options_.bus, &connection->bus);
+    int r = openBus(*sd, options_.bus, &connection->bus);
     if (r < 0) {
         DDLogDebug("IKEv2 no system bus, sleep is not watched: {}", errnoText(r));
         return;
     }
     // Asio watches a copy of the socket, so that closing either side's
     // descriptor leaves the other's alone.
-    int fd = sd_bus_get_fd(connection->bus);
+    int fd = sd->get_fd(connection->bus);
     int copy = fd < 0 ? -1 : ::fcntl(fd, F_DUPFD_CLOEXEC, 3);
     if (copy < 0) {
         DDLogDebug("IKEv2 system bus unusable, sleep is not watched: {}",
@@ -211,14 +219,14 @@ void SleepWatch::begin() {
         return;
     }
     connection->socket.assign(copy);
-    r = sd_bus_match_signal_async(connection->bus, &connection->sleepSignal, kLogind, kLogindPath,
-                                  kLogindManager, "PrepareForSleep", &Connection::onPrepareForSleep,
-                                  nullptr, connection.get());
+    r = sd->match_signal_async(connection->bus, &connection->sleepSignal, kLogind, kLogindPath,
+                               kLogindManager, "PrepareForSleep", &Connection::onPrepareForSleep,
+                               nullptr, connection.get());
     if (r >= 0) {
-        r = sd_bus_call_method_async(
-            connection->bus, &connection->inhibitCall, kLogind, kLogindPath, kLogindManager,
-            "Inhibit", &Connection::onInhibitReply, connection.get(), "ssss", "sleep",
-            "orvane-ikev2", "Stops the Orvane IKEv2 tunnel before sleep", "delay");
+        r = sd->call_method_async(connection->bus, &connection->inhibitCall, kLogind, kLogindPath,
+                                  kLogindManager, "Inhibit", &Connection::onInhibitReply,
+                                  connection.get(), "ssss", "sleep", "orvane-ikev2",
+                                  "Stops the Orvane IKEv2 tunnel before sleep", "delay");
     }
     if (r < 0) {
         DDLogDebug("IKEv2 system bus unusable, sleep is not watched: {}", errnoText(r));
