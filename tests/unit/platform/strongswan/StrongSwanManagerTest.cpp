@@ -662,7 +662,12 @@ TEST_F(StrongSwanManagerTest, ConnectedTunnelThatVanishesIsFoundByTheSlowCheck) 
     make([](ss::StrongSwanOptions& options) { options.establishedPollInterval = 100ms; });
     saveToolProfile();
     startAndConnect();
-    advance(50ms);  // the check set while connecting
+    // The first check comes 50 ms after charon's answer to initiate if that
+    // answer came while connecting, 100 ms after it if the tunnel was up by
+    // then; at 100 ms it has come either way, and the next is due 100 ms
+    // after the first is answered.
+    waitAnswered("initiate", 1);
+    advance(100ms);
     waitAnswered("list-sas", 1);
     {
         std::lock_guard lock(state.mutex);
