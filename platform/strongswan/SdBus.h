@@ -1,9 +1,10 @@
 #pragma once
 
 // sd-bus, loaded from libsystemd when a sleep watch first opens a bus.
-// Linked at build time, libsystemd and the libraries it needs (gcrypt, lz4,
-// zstd, lzma, cap) would be loaded by every run of the tool, adding more
-// than a millisecond and a megabyte to the modes that never touch a bus.
+// Linked at build time, libsystemd and the libraries it needs (gcrypt,
+// gpg-error, lz4, zstd, lzma, cap) would be loaded by every run of the tool,
+// adding more than a millisecond and a megabyte to the modes that never
+// touch a bus.
 
 #include <systemd/sd-bus.h>
 
