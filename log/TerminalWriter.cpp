@@ -1,5 +1,7 @@
 #include "log/TerminalWriter.h"
 
+#include "os/Poll.h"
+
 #include <poll.h>
 #include <unistd.h>
 
@@ -94,11 +96,8 @@ void TerminalWriter::flush(std::chrono::milliseconds limit) {
         if (now >= deadline) {
             return;
         }
-        // Rounded up: poll(2) counts whole milliseconds, and a wait cut short
-        // by the rounding would give up before the limit.
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - now);
         pollfd ready{fd_, POLLOUT, 0};
-        ::poll(&ready, 1, static_cast<int>(left.count()));
+        os::pollFor(ready, deadline - now);
     }
 }
 

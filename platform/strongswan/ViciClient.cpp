@@ -1,5 +1,7 @@
 #include "platform/strongswan/ViciClient.h"
 
+#include "os/Poll.h"
+
 #include <fmt/format.h>
 #include <asio/post.hpp>
 #include <asio/write.hpp>
@@ -12,7 +14,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <csignal>
 #include <cstdint>
 #include <cstring>
@@ -33,9 +34,7 @@ enum class Until {
 // poll(2) on one descriptor until `deadline` on the loop's clock.
 int pollUntil(pollfd& pfd, LoopClock::time_point deadline, Until until) {
     if (!VirtualTime::active()) {
-        const auto left =
-            std::chrono::ceil<std::chrono::milliseconds>(deadline - LoopClock::now()).count();
-        return ::poll(&pfd, 1, static_cast<int>(std::clamp<decltype(left)>(left, 0, INT_MAX)));
+        return os::pollFor(pfd, deadline - LoopClock::now());
     }
     for (;;) {
         // The clock first: what arrived before it passed the deadline is taken.
