@@ -32,25 +32,12 @@ Loaded load() {
         loaded.error = why ? why : "libsystemd.so.0 cannot be loaded";
         return loaded;
     }
-    SdBus& f = loaded.functions;
-    std::string& e = loaded.error;
-    loaded.complete =
-        bind(library, "sd_bus_open_system", f.open_system, e) &&
-        bind(library, "sd_bus_new", f.new_bus, e) &&
-        bind(library, "sd_bus_set_address", f.set_address, e) &&
-        bind(library, "sd_bus_set_bus_client", f.set_bus_client, e) &&
-        bind(library, "sd_bus_start", f.start, e) && bind(library, "sd_bus_unref", f.unref, e) &&
-        bind(library, "sd_bus_close_unref", f.close_unref, e) &&
-        bind(library, "sd_bus_get_fd", f.get_fd, e) &&
-        bind(library, "sd_bus_get_events", f.get_events, e) &&
-        bind(library, "sd_bus_get_timeout", f.get_timeout, e) &&
-        bind(library, "sd_bus_process", f.process, e) &&
-        bind(library, "sd_bus_match_signal_async", f.match_signal_async, e) &&
-        bind(library, "sd_bus_call_method_async", f.call_method_async, e) &&
-        bind(library, "sd_bus_slot_unref", f.slot_unref, e) &&
-        bind(library, "sd_bus_message_is_method_error", f.message_is_method_error, e) &&
-        bind(library, "sd_bus_message_get_error", f.message_get_error, e) &&
-        bind(library, "sd_bus_message_read", f.message_read, e);
+    loaded.complete = true;
+#define ORVANE_SD_BUS_BIND(field, symbol) \
+    loaded.complete =                     \
+        loaded.complete && bind(library, #symbol, loaded.functions.field, loaded.error);
+    ORVANE_SD_BUS_FUNCTIONS(ORVANE_SD_BUS_BIND)
+#undef ORVANE_SD_BUS_BIND
     return loaded;
 }
 

@@ -12,25 +12,31 @@
 
 namespace platform::strongswan {
 
-// The functions the sleep watch calls, with the library's own signatures.
+// The functions the sleep watch calls: each one's field and the library's
+// symbol, which gives the field its type and the loader its name.
+#define ORVANE_SD_BUS_FUNCTIONS(X)                             \
+    X(open_system, sd_bus_open_system)                         \
+    X(new_bus, sd_bus_new)                                     \
+    X(set_address, sd_bus_set_address)                         \
+    X(set_bus_client, sd_bus_set_bus_client)                   \
+    X(start, sd_bus_start)                                     \
+    X(unref, sd_bus_unref)                                     \
+    X(close_unref, sd_bus_close_unref)                         \
+    X(get_fd, sd_bus_get_fd)                                   \
+    X(get_events, sd_bus_get_events)                           \
+    X(get_timeout, sd_bus_get_timeout)                         \
+    X(process, sd_bus_process)                                 \
+    X(match_signal_async, sd_bus_match_signal_async)           \
+    X(call_method_async, sd_bus_call_method_async)             \
+    X(slot_unref, sd_bus_slot_unref)                           \
+    X(message_is_method_error, sd_bus_message_is_method_error) \
+    X(message_get_error, sd_bus_message_get_error)             \
+    X(message_read, sd_bus_message_read)
+
 struct SdBus {
-    decltype(&sd_bus_open_system) open_system;
-    decltype(&sd_bus_new) new_bus;
-    decltype(&sd_bus_set_address) set_address;
-    decltype(&sd_bus_set_bus_client) set_bus_client;
-    decltype(&sd_bus_start) start;
-    decltype(&sd_bus_unref) unref;
-    decltype(&sd_bus_close_unref) close_unref;
-    decltype(&sd_bus_get_fd) get_fd;
-    decltype(&sd_bus_get_events) get_events;
-    decltype(&sd_bus_get_timeout) get_timeout;
-    decltype(&sd_bus_process) process;
-    decltype(&sd_bus_match_signal_async) match_signal_async;
-    decltype(&sd_bus_call_method_async) call_method_async;
-    decltype(&sd_bus_slot_unref) slot_unref;
-    decltype(&sd_bus_message_is_method_error) message_is_method_error;
-    decltype(&sd_bus_message_get_error) message_get_error;
-    decltype(&sd_bus_message_read) message_read;
+#define ORVANE_SD_BUS_FIELD(field, symbol) decltype(&symbol) field;
+    ORVANE_SD_BUS_FUNCTIONS(ORVANE_SD_BUS_FIELD)
+#undef ORVANE_SD_BUS_FIELD
 };
 
 // The functions, loaded on the first call and kept for the process's life;
